@@ -1,0 +1,70 @@
+#pragma once
+// The geometry of one tracked object as the design search sees it: the
+// surface mesh in metres, its area table for drawing positions, and one
+// ray-casting scene of the surface and its obstacles together.
+
+#include <Eigen/Core>
+
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace sensorlay {
+
+class RayScene;
+
+class TrackedSurface {
+ public:
+  // All work happens here. A failed build leaves `faces` without rows.
+  TrackedSurface(const std::string& sensorsPath, const std::vector<std::string>& obstaclePaths);
+  ~TrackedSurface();
+  TrackedSurface(const TrackedSurface&) = delete;
+  TrackedSurface& operator=(const TrackedSurface&) = delete;
+
+  void setSensorSize(double size);
+  void setMaxSurfaceAngle(double degrees);
+  // Replaces the clock seed of the generator, for reproducible tests.
+  void seedGenerator(uint32_t seed) { generator.seed(seed); }
+
+  const std::string& getSensorsPath() const { return sensorsPath; }
+  const std::vector<std::string>& getObstaclePaths() const { return obstaclePaths; }
+  double getScale() const { return scale; }
+  // The low 32 bits of the face count.
+  uint32_t faceCount() const { return static_cast<uint32_t>(faces.rows()); }
+
+  // Ray queries; a triangle counts from either side.
+  bool castRay(const Eigen::Vector3f& origin, const Eigen::Vector3f& direction, float tNear,
+               float tFar) const;
+  bool sensorFits(const Eigen::Vector3f& point, const Eigen::Vector3f& normal) const;
+  bool isOnSurface(const Eigen::Vector3f& point, const Eigen::Vector3f& normal) const;
+
+  // Random placement; all draws come from `generator`.
+  int32_t randomFace();
+  Eigen::Vector3f randomPointOnFace(int32_t face);
+  Eigen::Vector3f randomNormalOnFace(int32_t face);
+  bool randomPlacement(Eigen::Vector3f& point, Eigen::Vector3f& normal);
+  bool randomPlacementFacing(Eigen::Vector3f& point, Eigen::Vector3f& normal, float minCos);
+
+  using MatrixXf = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic>;
+  using MatrixXi = Eigen::Matrix<int32_t, Eigen::Dynamic, Eigen::Dynamic>;
+
+  std::string sensorsPath;
+  std::vector<std::string> obstaclePaths;
+  MatrixXf vertices;     // V x 3, metres
+  MatrixXf faceNormals;  // F x 3, unit
+  MatrixXi faces;        // F x 3
+  double scale = 1.0;
+  float cosMaxSurfaceAngle = 1.0f;
+  std::unique_ptr<RayScene> scene;
+  double totalArea = 0.0;
+  double areaLow = 0.0;   // bounds of the area draw
+  double areaHigh = 1.0;
+  std::mt19937 generator;
+  std::vector<double> cumulativeAreas;
+  double sensorSize = 0.006;
+  double sensorRadius = 0.003;
+};
+
+}  // namespace sensorlay

@@ -1,0 +1,124 @@
+#include "model/json_io.h"
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <random>
+
+namespace sensorlay {
+namespace {
+
+// Builds the same random document twice: as a JsonCpp value and as ours.
+// Reals are whole-free doubles, so both writers print them alike.
+void randomDocument(std::mt19937& g, int depth, Json::Value& theirs, JsonOut& ours) {
+  const int kind = depth > 3 ? static_cast<int>(g() % 5) : static_cast<int>(g() % 7);
+  switch (kind) {
+    case 0: theirs = Json::Value(); ours = JsonOut(); break;
+    case 1: { int v = static_cast<int>(g() % 2001) - 1000; theirs = v; ours = JsonOut(v); break; }
+    case 2: { double v = (static_cast<double>(g()) + 0.5) / 3.0e5; theirs = v; ours = JsonOut(v); break; }
+    case 3: {
+      static const char* texts[] = {"", "abc", "with \"quote\"", "tab\there", "back\\slash", "a/b", "ctl\x01"};
+      const char* t = texts[g() % 7];
+      theirs = t; ours = JsonOut(t); break;
+    }
+    case 4: { bool b = g() % 2; theirs = b; ours = JsonOut(b); break; }
+    case 5: {
+      theirs = Json::Value(Json::arrayValue); ours = JsonOut::array();
+      const int n = static_cast<int>(g() % 30);
+      for (int i = 0; i < n; ++i) {
+        Json::Value t; JsonOut o;
+        randomDocument(g, depth + 1, t, o);
+        theirs.append(t); ours.append(o);
+      }
+      break;
+    }
+    default: {
+      theirs = Json::Value(Json::objectValue); ours = JsonOut::object();
+      const int n = static_cast<int>(g() % 6);
+      for (int i = 0; i < n; ++i) {
+        const std::string key = std::string(1, char('a' + g() % 26)) + std::to_string(g() % 100);
+        Json::Value t; JsonOut o;
+        randomDocument(g, depth + 1, t, o);
+        theirs[key] = t; ours[key] = o;
+      }
+    }
+  }
+}
+
+TEST(JsonWriter, MatchesStyledWriterLayoutAtItsOwnMargin) {
+  std::mt19937 g(7);
+  for (int round = 0; round < 400; ++round) {
+    Json::Value theirs; JsonOut ours;
+    randomDocument(g, 0, theirs, ours);
+    Json::StyledWriter writer;
+    ASSERT_EQ(writer.write(theirs), writeStyledJson(ours, 74)) << "round " << round;
+  }
+}
+
+TEST(JsonWriter, WideMarginKeepsLongerArraysOnOneLine) {
+  JsonOut row = JsonOut::array();
+  for (int i = 0; i < 30; ++i) row.append(1000 + i);
+  JsonOut root; root["a"] = row;
+  // 30 elements of 4 digits: 4 + 29*2 + 120 = 182 >= 160, so several lines.
+  EXPECT_NE(writeStyledJson(root).find("[\n"), std::string::npos);
+
+  JsonOut shortRow = JsonOut::array();
+  for (int i = 0; i < 20; ++i) shortRow.append(1000 + i);  // 4 + 38 + 80 = 122 columns
+  JsonOut root2; root2["a"] = shortRow;
+  const std::string text = writeStyledJson(root2);
+  EXPECT_EQ(text.find("[\n"), std::string::npos);
+  EXPECT_NE(text.find("[ 1000, 1001"), std::string::npos);
+
+  // 54 elements: size * 3 >= 160 forces one element a line whatever their width.
+  JsonOut many = JsonOut::array();
+  for (int i = 0; i < 54; ++i) many.append(0);
+  EXPECT_NE(writeStyledJson(many).find("[\n   0,\n"), std::string::npos);
+  // 50 one-digit elements make a line of 4 + 49*2 + 50 = 152 columns.
+  JsonOut fewer = JsonOut::array();
+  for (int i = 0; i < 50; ++i) fewer.append(0);
+  EXPECT_EQ(writeStyledJson(fewer).rfind("[ 0, 0", 0), 0u);
+}
+
+TEST(JsonWriter, NumbersKeepTheWidthOfTheirSource) {
+  JsonOut a = JsonOut::array();
+  a.append(0.05f);
+  a.append(0.05);
+  a.append(0.0f);
+  a.append(2.0);
+  a.append(int32_t{-3});
+  a.append(uint32_t{4000000000u});
+  a.append(1e-7f);
+  EXPECT_EQ(writeStyledJson(a),
+            "[ 0.0500000007, 0.050000000000000003, 0, 2, -3, 4000000000, 1.00000001e-07 ]\n");
+  EXPECT_EQ(formatJsonNumber(std::nan(""), 17), "null");
+}
+
+TEST(JsonWriter, ModelLayout) {
+  JsonOut root;
+  root["channelMap"].append(0);
+  root["channelMap"].append(1);
+  JsonOut n1 = JsonOut::array(); n1.append(0.0f); n1.append(0.0f); n1.append(1.0f);
+  JsonOut n2 = JsonOut::array(); n2.append(0.707106769f); n2.append(0.0f); n2.append(0.707106769f);
+  root["modelNormals"].append(n1);
+  root["modelNormals"].append(n2);
+  EXPECT_EQ(writeStyledJson(root),
+            "{\n   \"channelMap\" : [ 0, 1 ],\n   \"modelNormals\" : [\n      [ 0, 0, 1 ],\n"
+            "      [ 0.707106769, 0, 0.707106769 ]\n   ]\n}\n");
+  EXPECT_EQ(writeStyledJson(JsonOut()), "null\n");
+  EXPECT_EQ(writeStyledJson(JsonOut::object()), "{}\n");
+}
+
+TEST(JsonReader, SurvivesGarbageAndDeepNesting) {
+  Json::Value root;
+  std::string errors;
+  EXPECT_TRUE(parseJsonText("// comment\n{ \"a\" : 1 }", root, errors));
+  EXPECT_EQ(root["a"].asInt(), 1);
+  EXPECT_FALSE(parseJsonText("{ \"a\" : ", root, errors));
+  EXPECT_FALSE(errors.empty());
+  EXPECT_FALSE(parseJsonText(std::string(100000, '['), root, errors));
+  EXPECT_FALSE(errors.empty());
+  EXPECT_FALSE(parseJsonText(std::string("\x00\xff\x13garbage", 10), root, errors));
+}
+
+}  // namespace
+}  // namespace sensorlay

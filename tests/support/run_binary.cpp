@@ -1,0 +1,101 @@
+#include "tests/support/run_binary.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace sensorlay::testing {
+
+namespace {
+
+std::string slurpFd(int fd) {
+  std::string out;
+  lseek(fd, 0, SEEK_SET);
+  char buffer[65536];
+  ssize_t n;
+  while ((n = read(fd, buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<size_t>(n));
+  return out;
+}
+
+}  // namespace
+
+RunResult runSensorlay(const std::vector<std::string>& args, const std::string& workingDirectory) {
+  // Streams go to unlinked temporary files so that large outputs can't fill a
+  // pipe and stall the child.
+  char outName[] = "/tmp/sl_out_XXXXXX";
+  char errName[] = "/tmp/sl_err_XXXXXX";
+  int outFd = mkstemp(outName);
+  int errFd = mkstemp(errName);
+  if (outFd < 0 || errFd < 0) throw std::runtime_error("cannot make temporary files");
+  unlink(outName);
+  unlink(errName);
+
+  pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  if (pid == 0) {
+    int devNull = open("/dev/null", O_RDONLY);
+    dup2(devNull, 0);
+    dup2(outFd, 1);
+    dup2(errFd, 2);
+    if (!workingDirectory.empty() && chdir(workingDirectory.c_str()) != 0) _exit(127);
+    std::vector<char*> argv;
+    std::string binary = SENSORLAY_BINARY;
+    argv.push_back(binary.data());
+    std::vector<std::string> copies(args);
+    for (auto& a : copies) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execv(binary.c_str(), argv.data());
+    _exit(127);
+  }
+  int wstatus = 0;
+  waitpid(pid, &wstatus, 0);
+  RunResult result;
+  if (WIFEXITED(wstatus))
+    result.status = WEXITSTATUS(wstatus);
+  else if (WIFSIGNALED(wstatus))
+    result.status = 128 + WTERMSIG(wstatus);
+  result.out = slurpFd(outFd);
+  result.err = slurpFd(errFd);
+  close(outFd);
+  close(errFd);
+  return result;
+}
+
+TempDir::TempDir() {
+  char name[] = "/tmp/sensorlay_test_XXXXXX";
+  if (!mkdtemp(name)) throw std::runtime_error("mkdtemp failed");
+  path_ = name;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+bool fileExists(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+}  // namespace sensorlay::testing

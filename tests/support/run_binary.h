@@ -1,0 +1,38 @@
+#pragma once
+// Runs the real sensorlay binary for end-to-end tests.
+
+#include <string>
+#include <vector>
+
+namespace sensorlay::testing {
+
+struct RunResult {
+  int status = -1;  // exit status, or 128 + signal number when killed
+  std::string out;
+  std::string err;
+};
+
+// Runs the binary with the arguments in `workingDirectory` (or the current one
+// when empty), with no standard input, and collects both streams.
+RunResult runSensorlay(const std::vector<std::string>& args, const std::string& workingDirectory = "");
+
+// A fresh directory under the system's temporary folder, removed at exit of
+// the object.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& content);
+bool fileExists(const std::string& path);
+
+}  // namespace sensorlay::testing
