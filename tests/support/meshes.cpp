@@ -1,5 +1,7 @@
 #include "tests/support/meshes.h"
 
+#include <Eigen/Geometry>
+
 #include <cmath>
 #include <cstdint>
 #include <cstring>
