@@ -23,6 +23,13 @@ std::unique_ptr<SensorModel> loadSensorModel(const std::string& path);
 std::string readTextFile(const std::string& path);
 std::string readResourceFile(const std::string& relativePath);
 std::string joinPath(const std::string& a, const std::string& b, char separator = '/');
+// The folder under which bare model names are looked up (cfg/hmd/<name>.json).
 std::string findResourceRoot();
+// The first of `start` and its ancestors whose last component is `name`,
+// compared without regard to case; empty when there is none.
+std::string findAncestorNamed(const std::string& start, const std::string& name);
+// `name` joined to the first of `start` and its ancestors that holds an entry
+// of that name; empty when the walk runs out.
+std::string findEntryUpwards(const std::string& start, const std::string& name);
 
 }  // namespace sensorlay
