@@ -16,6 +16,7 @@
 namespace sensorlay {
 
 class TrackedSurface;
+struct ScoreScratch;  // quality/score_scratch.h
 
 // Thirteen 64-bit floats; see sampleOrientations and buildReportGrid.
 struct OrientationSample {
@@ -98,6 +99,8 @@ class CoverageEvaluator {
   std::vector<float> qualityMapPixels;
   int32_t qualityMapWidth = 0;
   int32_t qualityMapHeight = 0;
+  // Buffers that scorePlacement reuses from sample to sample and call to call.
+  std::unique_ptr<ScoreScratch> scoreScratch;
 };
 
 }  // namespace sensorlay

@@ -1,0 +1,30 @@
+#pragma once
+// The buffers of scorePlacement. They live with the evaluator and keep their
+// storage from sample to sample and from call to call, so that the score's
+// loop over samples allocates nothing.
+
+#include <Eigen/Core>
+#include <Eigen/LU>
+
+#include "observation/sweep_model.h"
+
+namespace sensorlay {
+
+struct ScoreScratch {
+  // J: two rows for each visible sensor, six columns, row-major; storage for
+  // the largest case is held inline.
+  using Jacobian = Eigen::Matrix<double, Eigen::Dynamic, 6, Eigen::RowMajor, kMaxObservationRows, 6>;
+  // J^T W, six rows.
+  using WeightedTranspose = Eigen::Matrix<double, 6, Eigen::Dynamic, Eigen::ColMajor, 6, kMaxObservationRows>;
+
+  ScoreScratch() : information(6, 6), covariance(6, 6), lu(6) {}
+
+  double angles[kMaxObservationRows] = {};
+  Jacobian jacobian;
+  WeightedTranspose weightedTranspose;
+  Eigen::MatrixXd information;  // A = J^T W J
+  Eigen::MatrixXd covariance;   // inverse of A
+  Eigen::PartialPivLU<Eigen::MatrixXd> lu;
+};
+
+}  // namespace sensorlay
