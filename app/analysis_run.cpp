@@ -1,17 +1,99 @@
-#include <cstdio>
+#include <cmath>
+#include <cstdint>
+#include <fstream>
+#include <iostream>
 
 #include "app/modes.h"
+#include "model/model_file.h"
+#include "model/scad_writer.h"
+#include "reports/report_tables.h"
+#include "surface/coverage_evaluator.h"
+#include "surface/tracked_surface.h"
 
 namespace sensorlay {
 
-int runAnalysis(const DesignOptions&, SensorModel&, TrackedSurface*, CoverageEvaluator&) {
-  std::fprintf(stderr, "the analysis run is not built yet\n");
-  return 1;
+namespace {
+
+constexpr double kDegreeFraction = 0.005555555555555556;  // 1 / 180
+constexpr double kPi = 3.141592653589793;
+constexpr double kFullTurn = 6.283185307179586;
+
+// Degrees to radians, multiplied in this order so that the grid's running
+// sums round the same way on every build.
+double toRadians(double degrees) { return degrees * kDegreeFraction * kPi; }
+
+}  // namespace
+
+int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface* surface,
+                CoverageEvaluator& evaluator) {
+  // The tables hold two angle rows per visible sensor in a 64-row matrix and
+  // one mask entry per channel below 32; a model beyond that is refused
+  // before anything is printed rather than reported on in part.
+  const std::string problem = reportModelProblem(model);
+  if (!problem.empty()) {
+    if (options.generate)
+      std::cerr << "Cannot analyse the designed model: " << problem << std::endl;
+    else
+      std::cerr << "Cannot analyse " << options.modelPath << ": " << problem << std::endl;
+    return 1;
+  }
+
+  const double step = toRadians(options.angleResolutionDegrees);
+  const uint64_t rows = estimateReportRows(kFullTurn, step);
+  if (rows > kReportRowLimit) {
+    if (!(step > 0.0) || !std::isfinite(step))
+      std::cerr << "/angleresolutiondegrees must be a number of degrees above 0, not "
+                << options.angleResolutionDegrees << "." << std::endl;
+    else
+      std::cerr << "/angleresolutiondegrees " << options.angleResolutionDegrees << " would make a table of about "
+                << rows << " rows; the most is " << kReportRowLimit << " (a step of 0.1 degrees or more)."
+                << std::endl;
+    return 1;
+  }
+
+  // The plain angle of the option, also after a design run: the design's
+  // margin belongs to the search only.
+  model.cosMaxIncidence = std::cos(toRadians(options.maxIncidenceAngle));
+
+  evaluator.model = &model;
+  evaluator.rebuildObservations();
+  // Without a surface nothing occludes: only the incidence limit applies.
+  evaluator.surface = surface;
+  evaluator.rebuildObservations();
+  if (options.srbTiltRadians != 0.0) {
+    evaluator.stationConfig.stationKind = 7;
+    evaluator.stationConfig.tiltRadians = options.srbTiltRadians;
+    evaluator.rebuildObservations();
+  }
+
+  evaluator.buildReportGrid(kFullTurn, step);
+  // The sign of the distance is ignored: the device always stands in front.
+  evaluator.pose[2] = -std::fabs(options.distanceBaseMeters);
+
+  if (options.baseStationSensitivity)
+    evaluator.printSensitivityTable();
+  else
+    evaluator.printCoverageTable();
+  return 0;
 }
 
-int convertModelToScad(const DesignOptions&, TrackedSurface*) {
-  std::fprintf(stderr, "the model-to-script conversion is not built yet\n");
-  return 1;
+int convertModelToScad(const DesignOptions& options, TrackedSurface* surface) {
+  // A fresh read: the loaded SensorModel has dropped the negative channels,
+  // while the script shows every sensor of the file.
+  Constellation constellation;
+  if (!readModelFile(options.modelPath, constellation)) return 1;
+
+  std::string script;
+  if (surface != nullptr)
+    script = writeScad(constellation, surface->getSensorsPath(), surface->getObstaclePaths(), surface->getScale(),
+                       options.withScadNormals, true);
+  else
+    script = writeScad(constellation, std::string(), std::vector<std::string>(), 1.0, options.withScadNormals, true);
+
+  std::ofstream file(options.outScadPath, std::ios::out | std::ios::trunc | std::ios::binary);
+  file << "/* From " << options.modelPath << "*/\n\n" << script;
+  file.close();
+  return 0;
 }
 
 }  // namespace sensorlay

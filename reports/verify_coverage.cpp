@@ -1,13 +1,53 @@
-#include <cstdio>
+// The surface-fit preview: random valid placements drawn on the surface and
+// written as the sensors of a CAD script, to show where a sensor fits at all.
+
+#include <cstdint>
 #include <cstdlib>
+#include <fstream>
+#include <iostream>
 
 #include "app/modes.h"
+#include "model/scad_writer.h"
+#include "reports/verify_coverage.h"
+#include "surface/tracked_surface.h"
 
 namespace sensorlay {
 
-void runVerifyCoverage(const DesignOptions&, TrackedSurface&) {
-  std::fprintf(stderr, "/verifycoverage is not built yet\n");
-  std::exit(1);
+Constellation drawFittingPlacements(TrackedSurface& surface, int32_t count) {
+  Constellation constellation;  // never handed to a SensorModel: `valid` can stay false
+  if (count > 0) {
+    constellation.channelMap.reserve(static_cast<size_t>(count));
+    constellation.modelPoints.reserve(static_cast<size_t>(count));
+    constellation.modelNormals.reserve(static_cast<size_t>(count));
+  }
+  for (int32_t i = 0; i < count; ++i) {
+    Eigen::Vector3f point, normal;
+    // Does not come back before it has a spot where the sensor fits; on a
+    // surface with no room it keeps drawing and says so on stderr.
+    surface.randomPlacement(point, normal);
+    constellation.modelPoints.push_back(point);
+    constellation.modelNormals.push_back(normal);
+    constellation.channelMap.push_back(i);
+  }
+  return constellation;
+}
+
+void runVerifyCoverage(const DesignOptions& options, TrackedSurface& surface) {
+  if (options.verifyCoverage > kMaxVerifyPlacements) {
+    std::cerr << "/verifycoverage " << options.verifyCoverage << " is more than the " << kMaxVerifyPlacements
+              << " placements that one preview can show." << std::endl;
+    std::exit(1);
+  }
+  // A negative count draws nothing and writes a script without sensors.
+  const Constellation constellation = drawFittingPlacements(surface, options.verifyCoverage);
+
+  std::ofstream file(options.outScadPath, std::ios::out | std::ios::trunc | std::ios::binary);
+  // Labels would bury thousands of sensors; and no comment stands ahead.
+  file << writeScad(constellation, surface.getSensorsPath(), surface.getObstaclePaths(), surface.getScale(),
+                    options.withScadNormals, false);
+  // The process ends here without unwinding, so the file is closed first.
+  file.close();
+  std::exit(0);
 }
 
 }  // namespace sensorlay

@@ -1,0 +1,503 @@
+#include "reports/report_tables.h"
+
+#include <Eigen/Core>
+#include <Eigen/LU>
+
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+#include <memory>
+
+#include "observation/sweep_model.h"
+#include "surface/coverage_evaluator.h"
+
+namespace sensorlay {
+
+namespace {
+
+constexpr double kHalfPi = 1.5707963267948966;
+
+// The table goes out in blocks of one mebibyte: a quarter of a million rows
+// cost a few dozen writes instead of one flush each.
+class TableStream {
+ public:
+  explicit TableStream(std::FILE* file) : file_(file), buffer_(new char[kCapacity]) {}
+  ~TableStream() { flush(); }
+  TableStream(const TableStream&) = delete;
+  TableStream& operator=(const TableStream&) = delete;
+
+  template <typename... Args>
+  void print(const char* format, Args... args) {
+    for (;;) {
+      const size_t room = kCapacity - used_;
+      const int n = std::snprintf(buffer_.get() + used_, room, format, args...);
+      if (n < 0) return;
+      if (static_cast<size_t>(n) < room) {
+        used_ += static_cast<size_t>(n);
+        return;
+      }
+      if (used_ == 0) {
+        // Longer than the whole block (absurd distances print hundreds of
+        // digits); it goes out directly.
+        std::fprintf(file_, format, args...);
+        return;
+      }
+      flush();
+    }
+  }
+
+  // " %d" without the cost of a formatted print.
+  void putSpaceAndInteger(int32_t value) {
+    if (kCapacity - used_ < 16) flush();
+    char* out = buffer_.get() + used_;
+    *out++ = ' ';
+    int64_t v = value;
+    if (v < 0) {
+      *out++ = '-';
+      v = -v;
+    }
+    char digits[12];
+    int count = 0;
+    do {
+      digits[count++] = static_cast<char>('0' + v % 10);
+      v /= 10;
+    } while (v != 0);
+    while (count > 0) *out++ = digits[--count];
+    used_ = static_cast<size_t>(out - buffer_.get());
+  }
+
+  void putChar(char c) {
+    if (used_ == kCapacity) flush();
+    buffer_[used_++] = c;
+  }
+
+  void flush() {
+    if (used_ != 0) std::fwrite(buffer_.get(), 1, used_, file_);
+    used_ = 0;
+    std::fflush(file_);
+  }
+
+ private:
+  static constexpr size_t kCapacity = size_t{1} << 20;
+  std::FILE* file_;
+  std::unique_ptr<char[]> buffer_;
+  size_t used_ = 0;
+};
+
+using Matrix6d = Eigen::Matrix<double, 6, 6>;
+
+// The buffers of one table, made once and reused by every row.
+struct RowScratch {
+  double angles[kMaxObservationRows];
+  double jacobian[kMaxObservationRows * 6];  // row-major
+  double weighted[kMaxObservationRows * 6];  // W J, row-major
+};
+
+// Sets the visibleNow bits at the pose, adds the seen ones to everVisible and
+// yields how many are visible.
+int32_t markVisibleSensors(SweepObservationSet& set, const double pose[7]) {
+  int32_t count = 0;
+  const size_t n = set.visibilityTests.size();
+  for (size_t i = 0; i < n; ++i) {
+    const bool visible = isSensorVisible(set.visibilityTests[i], pose);
+    set.visibleNow[i] = visible;
+    if (visible) {
+      set.everVisible[i] = true;
+      ++count;
+    }
+  }
+  return count;
+}
+
+// C = (J^T W J)^-1 for the visible sensors at the first six pose numbers, with
+// W the top-left block of the information matrix, used in place. False when
+// the Jacobian cannot be had; C is then untouched. No test for singularity:
+// a singular A shows up as non-finite numbers that the caller clamps.
+bool poseCovariance(const CoverageEvaluator& evaluator, int32_t visible, RowScratch& scratch, Matrix6d& C) {
+  const int32_t rows = 2 * visible;
+  const Eigen::MatrixXd& W = evaluator.measurementInformation;
+  if (rows > kMaxObservationRows || rows > W.rows() || rows > W.cols()) return false;
+  if (!differentiateObservations(*evaluator.observations, evaluator.pose.data(), rows, scratch.angles,
+                                 scratch.jacobian))
+    return false;
+
+  const double* J = scratch.jacobian;
+  double* WJ = scratch.weighted;
+  for (int32_t r = 0; r < rows; ++r) {
+    double sum[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+    for (int32_t s = 0; s < rows; ++s) {
+      const double w = W(r, s);
+      const double* Js = J + 6 * s;
+      for (int c = 0; c < 6; ++c) sum[c] += w * Js[c];
+    }
+    for (int c = 0; c < 6; ++c) WJ[6 * r + c] = sum[c];
+  }
+  Matrix6d A;
+  for (int i = 0; i < 6; ++i)
+    for (int j = 0; j < 6; ++j) {
+      double sum = 0.0;
+      for (int32_t r = 0; r < rows; ++r) sum += J[6 * r + i] * WJ[6 * r + j];
+      A(i, j) = sum;
+    }
+  // LU with partial pivoting, as for any 6 x 6 matrix; fixed size keeps it off
+  // the heap.
+  C = A.inverse();
+  return true;
+}
+
+// Whether the evaluator is set up for a table; says why not on stderr.
+bool readyForTable(const CoverageEvaluator& evaluator) {
+  if (evaluator.model == nullptr || evaluator.observations == nullptr) {
+    std::cerr << "No sensor model is set up for the coverage table." << std::endl;
+    return false;
+  }
+  const std::string problem = reportModelProblem(*evaluator.model);
+  if (!problem.empty()) {
+    std::cerr << "Cannot tabulate the coverage of this model: " << problem << std::endl;
+    return false;
+  }
+  const SweepObservationSet& set = *evaluator.observations;
+  if (set.visibleNow.size() != set.visibilityTests.size() || set.everVisible.size() != set.visibilityTests.size() ||
+      set.visibilityTests.size() > evaluator.model->channels.size()) {
+    std::cerr << "The observation set does not match the sensor model." << std::endl;
+    return false;
+  }
+  return true;
+}
+
+void reportUnseenSensors(const CoverageEvaluator& evaluator) {
+  const SweepObservationSet& set = *evaluator.observations;
+  for (size_t i = 0; i < set.everVisible.size(); ++i)
+    if (!set.everVisible[i]) std::cerr << "did not see sensor id " << evaluator.model->channels[i] << std::endl;
+}
+
+[[noreturn]] void failMissingPosition(int32_t channel) {
+  std::cerr << "The sensor model has no position for channel " << channel << "." << std::endl;
+  std::exit(1);
+}
+
+}  // namespace
+
+void PoseSolvability::update() {
+  for (; consumed < observations.size(); ++consumed) {
+    const AxisObservation& o = observations[consumed];
+    if (o.axis < 0 || o.axis > 1 || o.channel < 0 || o.channel >= kReportChannelLimit) continue;
+    ++axisCount[o.axis];
+    axisMask[o.channel] = static_cast<uint8_t>(axisMask[o.channel] | (1u << o.axis));
+    if (axisMask[o.channel] == 3) ++bothAxesCount;
+  }
+}
+
+bool PoseSolvability::hasEnoughHits() {
+  update();
+  return axisCount[0] >= 4 && axisCount[1] >= 4 && axisCount[0] + axisCount[1] >= 8;
+}
+
+bool PoseSolvability::isSolvable() {
+  update();
+  if (!hasEnoughHits()) return false;
+
+  int32_t ids[kReportChannelLimit];
+  int32_t count = 0;
+  if (bothAxesCount >= 4) {
+    for (int32_t c = 0; c < kReportChannelLimit; ++c)
+      if (axisMask[c] == 3) ids[count++] = c;
+    if (spansVolume(ids, count)) return true;
+  }
+  // Every sensor seen on one axis was seen on both: the axes on their own can
+  // tell nothing more.
+  if (axisCount[0] == bothAxesCount || axisCount[1] == bothAxesCount) return false;
+
+  for (int axis = 0; axis < 2; ++axis) {
+    count = 0;
+    for (int32_t c = 0; c < kReportChannelLimit; ++c)
+      if (axisMask[c] & (1u << axis)) ids[count++] = c;
+    if (!spansVolume(ids, count)) return false;
+  }
+  return true;
+}
+
+bool PoseSolvability::spansVolume(const int32_t* channelIds, int32_t count) const {
+  // Distinct channels number at most 32; a longer list cannot come from the
+  // mask and is not looked at.
+  if (count < 3 || count > kReportChannelLimit) return false;
+  std::array<Eigen::Vector3d, kReportChannelLimit> P;
+  for (int32_t i = 0; i < count; ++i) {
+    const auto found = model.channelIndex.find(channelIds[i]);
+    if (found == model.channelIndex.end()) failMissingPosition(channelIds[i]);
+    const int32_t index = found->second;
+    if (index < 0 || static_cast<size_t>(index) >= model.points.size()) failMissingPosition(channelIds[i]);
+    P[i] = model.points[index];
+  }
+
+  // Every triple in list order; the first wide triangle with a sensor off its
+  // plane decides.
+  for (int32_t i = 0; i + 2 < count; ++i)
+    for (int32_t j = i + 1; j + 1 < count; ++j)
+      for (int32_t k = j + 1; k < count; ++k) {
+        const Eigen::Vector3d& A = P[i];
+        const Eigen::Vector3d AB = P[j] - A;
+        const Eigen::Vector3d AC = P[k] - A;
+        const Eigen::Vector3d BC = P[k] - P[j];
+        const Eigen::Vector3d N = AC.cross(AB);
+        const double L2 = std::max(AB.squaredNorm(), std::max(AC.squaredNorm(), BC.squaredNorm()));
+        // The smallest altitude of the triangle.
+        const double spread = std::sqrt(N.squaredNorm() / L2);
+        if (!(spread >= minSpread)) continue;
+        const Eigen::Vector3d unit = N / N.norm();
+        const double base = unit.dot(A);
+        for (int32_t m = 0; m < count; ++m) {
+          if (m == i || m == j || m == k) continue;
+          const double h = unit.dot(P[m]) - base;
+          if (std::fabs(h) > minSpread) return true;
+        }
+      }
+  return false;
+}
+
+ViewGrade gradeView(PoseSolvability& solvability) {
+  if (!solvability.hasEnoughHits()) return {0, 100};
+  if (!solvability.isSolvable()) return {96, 4};
+  if (solvability.observations.size() <= 8) return {99, 1};
+  return {100, 0};
+}
+
+std::string reportModelProblem(const SensorModel& model) {
+  if (model.sensorCount() > kReportSensorLimit)
+    return "it has " + std::to_string(model.sensorCount()) + " sensors, and the tables take at most " +
+           std::to_string(kReportSensorLimit) + ".";
+  for (int32_t channel : model.channels)
+    if (channel >= kReportChannelLimit)
+      return "it uses channel " + std::to_string(channel) + ", and the tables take the channels 0 to " +
+             std::to_string(kReportChannelLimit - 1) + ".";
+  return std::string();
+}
+
+uint64_t estimateReportRows(double span, double step) {
+  constexpr uint64_t kUnusable = std::numeric_limits<uint64_t>::max();
+  if (!(step > 0.0) || !std::isfinite(step) || !std::isfinite(span) || !(span >= 0.0)) return kUnusable;
+  const double latitudes = std::floor(2.0 * kHalfPi / step) + 1.0;
+  const double longitudes = std::floor(span / step) + 1.0;
+  const double rows = latitudes * longitudes;
+  if (!(rows < 1.8e19)) return kUnusable;
+  return static_cast<uint64_t>(rows);
+}
+
+void CoverageEvaluator::buildReportGrid(double span, double step) {
+  samples.clear();
+  // A step that is not a positive number would never reach the end of the
+  // walk, and one far too small would exhaust memory first: no grid then.
+  if (estimateReportRows(span, step) > kReportRowLimit) return;
+
+  struct Latitude {
+    double angle, sine, cosine;
+  };
+  std::vector<Latitude> latitudes;
+  // The running sums are kept as they round: whether the last step lands on
+  // the end point depends on it (180 latitudes at 1 degree, 361 at 0.5).
+  double e = -kHalfPi;
+  do {
+    latitudes.push_back({e, std::sin(e), std::cos(e)});
+    e += step;
+  } while (e <= kHalfPi);
+
+  const double start = -0.5 * span;
+  const double end = 0.5 * span;
+  size_t longitudeCount = 0;
+  double a = start;
+  do {
+    ++longitudeCount;
+    a += step;
+  } while (a <= end);
+  samples.reserve(longitudeCount * latitudes.size());
+
+  a = start;
+  do {
+    const double sa = std::sin(a);
+    const double ca = std::cos(a);
+    for (const Latitude& lat : latitudes) {
+      OrientationSample s;
+      s.latitude = lat.angle;
+      s.longitude = a;
+      const double dx = sa * lat.cosine;
+      const double dy = lat.sine;
+      const double dz = ca * lat.cosine;
+
+      // The shortest rotation that carries d onto +z. Straight ahead (d = +z)
+      // k is 0/0 and the sample is not a number; the table's clamps settle it.
+      const double k = (1.0 - dz) / (dy * dy + dx * dx);
+      Eigen::Matrix3d V;
+      V << 0.0, 0.0, dx,  //
+          0.0, 0.0, dy,   //
+          -dx, -dy, 0.0;  // cross-product matrix of (-dy, dx, 0)
+      const Eigen::Matrix3d M = Eigen::Matrix3d::Identity() - V + k * (V * V);
+
+      double w, x, y, z;
+      const double trace = M(0, 0) + M(1, 1) + M(2, 2);
+      if (trace > 0.0) {
+        const double t = std::sqrt(trace + 1.0);
+        w = 0.5 * t;
+        const double f = 0.5 / t;
+        x = (M(2, 1) - M(1, 2)) * f;
+        y = (M(0, 2) - M(2, 0)) * f;
+        z = (M(1, 0) - M(0, 1)) * f;
+      } else if (M(0, 0) > M(1, 1) && M(0, 0) > M(2, 2)) {
+        const double t = std::sqrt(M(0, 0) - M(1, 1) - M(2, 2) + 1.0);
+        x = 0.5 * t;
+        const double f = 0.5 / t;
+        w = (M(2, 1) - M(1, 2)) * f;
+        y = (M(0, 1) + M(1, 0)) * f;
+        z = (M(0, 2) + M(2, 0)) * f;
+      } else if (M(1, 1) > M(2, 2)) {
+        const double t = std::sqrt(M(1, 1) - M(0, 0) - M(2, 2) + 1.0);
+        y = 0.5 * t;
+        const double f = 0.5 / t;
+        w = (M(0, 2) - M(2, 0)) * f;
+        x = (M(0, 1) + M(1, 0)) * f;
+        z = (M(1, 2) + M(2, 1)) * f;
+      } else {
+        const double t = std::sqrt(M(2, 2) - M(0, 0) - M(1, 1) + 1.0);
+        z = 0.5 * t;
+        const double f = 0.5 / t;
+        w = (M(1, 0) - M(0, 1)) * f;
+        x = (M(0, 2) + M(2, 0)) * f;
+        y = (M(1, 2) + M(2, 1)) * f;
+      }
+      if (w < 0.0) {
+        w = -w;
+        x = -x;
+        y = -y;
+        z = -z;
+      }
+
+      const double n2 = x * x + y * y + z * z;
+      double factor = 2.0;
+      if (n2 > 0.0) {
+        const double n = std::sqrt(n2);
+        factor = 2.0 * std::atan2(n, w) / n;
+      }
+      s.rotationVector[0] = factor * x;
+      s.rotationVector[1] = factor * y;
+      s.rotationVector[2] = factor * z;
+      s.quaternion[0] = w;
+      s.quaternion[1] = x;
+      s.quaternion[2] = y;
+      s.quaternion[3] = z;
+      s.direction[0] = dx;
+      s.direction[1] = dy;
+      s.direction[2] = dz;
+      s.weight = 1.0;
+      samples.push_back(s);
+    }
+    a += step;
+  } while (a <= end);
+}
+
+void CoverageEvaluator::printCoverageTable() {
+  if (!readyForTable(*this)) return;
+  SweepObservationSet& set = *observations;
+  const std::vector<int32_t>& channels = model->channels;
+  const size_t sensorCount = set.visibilityTests.size();
+
+  TableStream out(stdout);
+  RowScratch scratch;
+  std::vector<AxisObservation> hits;
+  hits.reserve(2 * kReportSensorLimit);
+
+  const double distance = std::sqrt(pose[0] * pose[0] + pose[1] * pose[1] + pose[2] * pose[2]);
+  for (const OrientationSample& sample : samples) {
+    for (int i = 0; i < 4; ++i) pose[3 + i] = sample.quaternion[i];
+    const int32_t visible = markVisibleSensors(set, pose.data());
+
+    double positionSigma = 1.0;
+    double rotationSigma = 1.0;
+    if (visible != 0) {
+      for (int i = 0; i < 3; ++i) pose[3 + i] = sample.rotationVector[i];
+      Matrix6d C;
+      if (poseCovariance(*this, visible, scratch, C)) {
+        // The variances are summed first, then one root is taken.
+        positionSigma = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2));
+        rotationSigma = std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
+      }
+    }
+
+    hits.clear();
+    for (size_t i = 0; i < sensorCount; ++i)
+      if (set.visibleNow[i]) {
+        hits.push_back({channels[i], 0});
+        hits.push_back({channels[i], 1});
+      }
+    PoseSolvability solvability(*model, hits);
+    ViewGrade grade = gradeView(solvability);
+
+    // An uncertainty beyond a metre or a radian, or none at all, is no fix.
+    if (!(positionSigma <= 1.0)) {
+      positionSigma = 1.0;
+      grade = {0, 100};
+    }
+    if (!(rotationSigma <= 1.0)) {
+      rotationSigma = 1.0;
+      grade = {0, 100};
+    }
+
+    out.print("%lf %lf %0.1lf %0.1lf %d 0 0 0 %d %d %lf %lf", sample.longitude, sample.latitude, distance, 0.0,
+              visible, grade.first, grade.second, rotationSigma, positionSigma);
+    for (size_t i = 0; i < sensorCount; ++i)
+      if (set.visibleNow[i]) out.putSpaceAndInteger(channels[i]);
+    out.putChar('\n');
+  }
+  out.flush();
+  reportUnseenSensors(*this);
+}
+
+void CoverageEvaluator::printSensitivityTable() {
+  if (!readyForTable(*this)) return;
+  SweepObservationSet& set = *observations;
+
+  TableStream out(stdout);
+  RowScratch scratch;
+
+  // The device keeps facing the station while it moves across the field of
+  // view: its position turns with it.
+  const Eigen::Vector3d p(pose[0], pose[1], pose[2]);
+  for (const OrientationSample& sample : samples) {
+    const double w = sample.quaternion[0];
+    const Eigen::Vector3d u(sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]);
+    const Eigen::Vector3d uxp = u.cross(p);
+    const Eigen::Vector3d moved = p + 2.0 * w * uxp + 2.0 * u.cross(uxp);
+    for (int i = 0; i < 3; ++i) pose[i] = moved[i];
+    for (int i = 0; i < 4; ++i) pose[3 + i] = sample.quaternion[i];
+
+    const int32_t visible = markVisibleSensors(set, pose.data());
+
+    const double qw = pose[3];
+    const Eigen::Vector3d qu(pose[4], pose[5], pose[6]);
+    const double n2 = qu.squaredNorm();
+    Eigen::Vector3d rotationVector = 2.0 * qu;
+    if (n2 > 0.0) {
+      const double n = std::sqrt(n2);
+      const double angle = qw < 0.0 ? 2.0 * std::atan2(-n, -qw) : 2.0 * std::atan2(n, qw);
+      rotationVector = (angle / n) * qu;
+    }
+
+    double sigma[3] = {1.0, 1.0, 1.0};
+    if (visible != 0) {
+      for (int i = 0; i < 3; ++i) pose[3 + i] = rotationVector[i];
+      Matrix6d C;
+      if (poseCovariance(*this, visible, scratch, C))
+        for (int i = 0; i < 3; ++i) sigma[i] = std::sqrt(C(i, i));
+    }
+    for (double& s : sigma)
+      if (!(s <= 1.0)) s = 1.0;
+
+    out.print("%lf %lf %lf %lf %lf\n", sample.longitude, sample.latitude, sigma[0], sigma[1], sigma[2]);
+  }
+  for (int i = 0; i < 3; ++i) pose[i] = p[i];
+  out.flush();
+  reportUnseenSensors(*this);
+}
+
+}  // namespace sensorlay
