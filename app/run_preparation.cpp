@@ -1,5 +1,6 @@
-#include <cstdio>
+#include <cstdint>
 #include <cstdlib>
+#include <iostream>
 
 #include "app/modes.h"
 #include "surface/tracked_surface.h"
@@ -7,9 +8,47 @@
 namespace sensorlay {
 
 std::unique_ptr<TrackedSurface> prepareRun(const DesignOptions& options, const SensorModel* model) {
-  if (options.sensorsPath.empty()) return nullptr;
-  std::fprintf(stderr, "run preparation with a surface is not built yet\n");
-  std::exit(1);
+  std::unique_ptr<TrackedSurface> surface;
+  if (!options.sensorsPath.empty()) {
+    surface = std::make_unique<TrackedSurface>(options.sensorsPath, options.obstaclePaths);
+    surface->setSensorSize(options.sensorSize);
+    if (surface->faceCount() == 0) {
+      std::cerr << "Could not build tracked surface from \"" << options.sensorsPath << "\"";
+      for (const std::string& obstacle : options.obstaclePaths) std::cerr << " and \"" << obstacle << "\"";
+      std::cerr << std::endl;
+      std::exit(1);
+    }
+  }
+
+  if (model) {
+    if (options.generate) {
+      const int64_t count = static_cast<int64_t>(model->sensorCount());
+      if (count > options.nSensors) {
+        std::cerr << "Model of immutable sensors has more than /nsensors " << options.nSensors << "!" << std::endl;
+        std::exit(1);
+      }
+      if (count == options.nSensors) {
+        std::cerr << "Model of immutable sensors has the same count as /nsensors " << options.nSensors
+                  << ".  Nothing would change!" << std::endl;
+        std::exit(1);
+      }
+    }
+    if (surface) {
+      for (size_t i = 0; i < model->sensorCount(); ++i) {
+        const Eigen::Vector3f point = model->points[i].cast<float>();
+        const Eigen::Vector3f normal = model->normals[i].cast<float>();
+        if (!surface->isOnSurface(point, normal))
+          std::cerr << "WARNING: Input model point " << i << " doesn't seem to be on the supplied sensor surface at "
+                    << point << std::endl;
+      }
+    }
+    if (model->sensorCount() == 0) {
+      std::cerr << "WARNING: model does not define any points. Confirm channelMap, modelNormals, modelPoints exist in json"
+                << std::endl;
+      std::exit(1);
+    }
+  }
+  return surface;
 }
 
 }  // namespace sensorlay

@@ -1,12 +1,165 @@
 #include "surface/tracked_surface.h"
 
+#include <Eigen/Geometry>
+
+#include <cmath>
+
+#include "surface/random_draws.h"
+#include "surface/ray_scene.h"
+#include "surface/stl_reader.h"
+
 namespace sensorlay {
 
-class RayScene {};
+namespace {
+
+// `top` above `bottom`, with the columns of `top`; an empty `bottom` adds
+// nothing.
+template <typename Matrix>
+void stackRows(const Matrix& top, const Matrix& bottom, Matrix& out) {
+  out.resize(top.rows() + bottom.rows(), top.cols());
+  out.topRows(top.rows()) = top;
+  if (bottom.rows() > 0) out.bottomRows(bottom.rows()) = bottom;
+}
+
+// Reads the STLs of [first, last) into one mesh, later files below earlier
+// ones, with the face indices of each file shifted past the vertices before
+// it. Nothing is measured or normalised here. False after a failed read, with
+// the outputs untouched.
+bool readMergedMeshes(std::vector<std::string>::const_iterator first, std::vector<std::string>::const_iterator last,
+                      StlVertices& V, StlFaces& F, StlVertices& N) {
+  if (first == last) return true;
+  StlVertices firstV, firstN, restV, restN;
+  StlFaces firstF, restF;
+  if (!readStl(*first, firstV, firstF, firstN)) return false;
+  if (!readMergedMeshes(first + 1, last, restV, restF, restN)) return false;
+  restF.array() += static_cast<int32_t>(firstV.rows());
+  stackRows(firstV, restV, V);
+  stackRows(firstF, restF, F);
+  stackRows(firstN, restN, N);
+  return true;
+}
+
+}  // namespace
 
 TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vector<std::string>& obstaclePaths_)
-    : sensorsPath(sensorsPath_), obstaclePaths(obstaclePaths_) {}
+    : sensorsPath(sensorsPath_), obstaclePaths(obstaclePaths_) {
+  if (!readStl(sensorsPath, vertices, faces, faceNormals)) return;
+  if (vertices.size() == 0 || faces.size() == 0 || faceNormals.size() == 0) return;
+
+  // Units follow from the size alone: a bounding-box diagonal of 5 or more
+  // can only be millimetres for a hand-held device.
+  const Eigen::RowVector3f extent = vertices.colwise().maxCoeff() - vertices.colwise().minCoeff();
+  const float diagonal = std::sqrt(extent(0) * extent(0) + extent(1) * extent(1) + extent(2) * extent(2));
+  scale = diagonal >= 5.0f ? 0.001 : 1.0;
+  const float scaleF = static_cast<float>(scale);
+  vertices *= scaleF;
+
+  // No guard on purpose: a zero file normal becomes not-a-number, and such a
+  // triangle can never pass the ray tests.
+  for (Eigen::Index f = 0; f < faceNormals.rows(); ++f) {
+    const float x = faceNormals(f, 0), y = faceNormals(f, 1), z = faceNormals(f, 2);
+    const float length = std::sqrt(x * x + y * y + z * z);
+    faceNormals(f, 0) = x / length;
+    faceNormals(f, 1) = y / length;
+    faceNormals(f, 2) = z / length;
+  }
+
+  // The scale has to be known before obstacles can join the scene, so the
+  // surface gets a scene of its own first.
+  scene = std::make_unique<RayScene>(vertices, faces);
+
+  totalArea = 0.0;
+  cumulativeAreas.reserve(static_cast<size_t>(faces.rows()));
+  for (Eigen::Index f = 0; f < faces.rows(); ++f) {
+    const Eigen::Vector3f a = vertices.row(faces(f, 0)).transpose();
+    const Eigen::Vector3f b = vertices.row(faces(f, 1)).transpose();
+    const Eigen::Vector3f c = vertices.row(faces(f, 2)).transpose();
+    const Eigen::Vector3f cross = (b - a).cross(c - a);
+    const float length = std::sqrt(cross.x() * cross.x() + cross.y() * cross.y() + cross.z() * cross.z());
+    totalArea += static_cast<double>(length) * 0.5;
+    cumulativeAreas.push_back(totalArea);
+  }
+  areaLow = 0.0;
+  areaHigh = totalArea;
+
+  if (!obstaclePaths.empty()) {
+    StlVertices obstacleV, obstacleN;
+    StlFaces obstacleF;
+    if (!readMergedMeshes(obstaclePaths.begin(), obstaclePaths.end(), obstacleV, obstacleF, obstacleN)) {
+      faces.resize(0, 3);
+      return;
+    }
+    obstacleF.array() += static_cast<int32_t>(vertices.rows());
+    // Obstacles are never measured: they share the surface's unit.
+    obstacleV *= scaleF;
+    StlVertices allV;
+    StlFaces allF;
+    stackRows(vertices, obstacleV, allV);
+    stackRows(faces, obstacleF, allF);
+    scene = std::make_unique<RayScene>(allV, allF);
+  }
+
+  generator.seed(clockSeed());
+}
 
 TrackedSurface::~TrackedSurface() = default;
+
+void TrackedSurface::setSensorSize(double size) {
+  sensorSize = size;
+  sensorRadius = size * 0.5;
+}
+
+void TrackedSurface::setMaxSurfaceAngle(double degrees) {
+  cosMaxSurfaceAngle = static_cast<float>(std::cos(degrees * 0.017453292519943295));
+}
+
+bool TrackedSurface::castRay(const Eigen::Vector3f& origin, const Eigen::Vector3f& direction, float tNear,
+                             float tFar) const {
+  return scene && scene->occluded(origin.data(), direction.data(), tNear, tFar);
+}
+
+namespace {
+
+// The tangent pair of a sensor's footprint. The helper axis is chosen from y
+// and z alone, so that it is never close to the normal.
+void tangentsOf(const Eigen::Vector3f& normal, Eigen::Vector3f& t1, Eigen::Vector3f& t2) {
+  const bool steep = std::abs(static_cast<double>(normal.y())) > 0.2 || std::abs(static_cast<double>(normal.z())) > 0.2;
+  const Eigen::Vector3f helper = steep ? Eigen::Vector3f(1.0f, 0.0f, 0.0f) : Eigen::Vector3f(0.0f, 1.0f, 0.0f);
+  t1 = helper.cross(normal);
+  const float s1 = t1.squaredNorm();
+  if (s1 > 0.0f) t1 /= std::sqrt(s1);
+  t2 = t1.cross(normal);
+  const float s2 = t2.squaredNorm();
+  if (s2 > 0.0f) t2 /= std::sqrt(s2);
+}
+
+}  // namespace
+
+bool TrackedSurface::sensorFits(const Eigen::Vector3f& point, const Eigen::Vector3f& normal) const {
+  // Four chords of the sensor's circle, 45 degrees apart, one millimetre under
+  // the surface: a curve, an edge or an obstacle within the footprint cuts one.
+  const Eigen::Vector3f centre = point - normal * 0.001f;
+  Eigen::Vector3f t1, t2;
+  tangentsOf(normal, t1, t2);
+  Eigen::Vector3f d3 = t1 + t2, d4 = t1 - t2;
+  const float s3 = d3.squaredNorm(), s4 = d4.squaredNorm();
+  if (s3 > 0.0f) d3 /= std::sqrt(s3);
+  if (s4 > 0.0f) d4 /= std::sqrt(s4);
+  const float r = static_cast<float>(sensorRadius);
+  const float s = static_cast<float>(sensorSize);
+  const Eigen::Vector3f* directions[4] = {&t1, &t2, &d3, &d4};
+  for (const Eigen::Vector3f* d : directions) {
+    const Eigen::Vector3f start = centre - *d * r;
+    if (castRay(start, *d, 0.0f, s)) return false;
+  }
+  return true;
+}
+
+bool TrackedSurface::isOnSurface(const Eigen::Vector3f& point, const Eigen::Vector3f& normal) const {
+  const Eigen::Vector3f lifted = point + normal * 0.001f;
+  if (castRay(lifted, normal, 0.0001f, 0.01f)) return false;  // something lies over the point
+  const Eigen::Vector3f down = -normal;
+  return castRay(lifted, down, 0.0001f, 0.005f);
+}
 
 }  // namespace sensorlay

@@ -65,6 +65,13 @@ class TrackedSurface {
   std::vector<double> cumulativeAreas;
   double sensorSize = 0.006;
   double sensorRadius = 0.003;
+  // Set once the user has been told that a placement search finds no room.
+  bool warnedNoRoom = false;
+
+ private:
+  // Warns once when `attempts` fruitless tries in one placement call reach
+  // the limit; the search goes on regardless.
+  void noteFruitlessAttempt(uint64_t attempts);
 };
 
 }  // namespace sensorlay

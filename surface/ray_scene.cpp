@@ -1,0 +1,132 @@
+#include "surface/ray_scene.h"
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <iostream>
+
+namespace sensorlay {
+
+namespace {
+
+void reportError(void*, RTCError code, const char* text) {
+  std::cerr << "Embree error " << static_cast<int>(code) << ": " << (text ? text : "(no description)") << std::endl;
+}
+
+struct DeviceHolder {
+  RTCDevice device = nullptr;
+  bool backfaceCulling = false;
+  DeviceHolder() {
+    device = rtcNewDevice(nullptr);
+    if (!device) {
+      std::cerr << "Embree error " << static_cast<int>(rtcGetDeviceError(nullptr))
+                << ": the ray-casting device could not be created" << std::endl;
+      return;
+    }
+    rtcSetDeviceErrorFunction(device, reportError, nullptr);
+    backfaceCulling = rtcGetDeviceProperty(device, RTC_DEVICE_PROPERTY_BACKFACE_CULLING_ENABLED) != 0;
+  }
+  // The device lives as long as the process; scenes retain it themselves.
+};
+
+DeviceHolder& holder() {
+  static DeviceHolder instance;
+  return instance;
+}
+
+}  // namespace
+
+RTCDevice rayDevice() { return holder().device; }
+
+RayScene::RayScene(const StlVertices& vertices, const StlFaces& faces) {
+  RTCDevice device = rayDevice();
+  if (!device) return;
+  const Eigen::Index nv = vertices.rows();
+  const Eigen::Index nf = faces.rows();
+  if (vertices.cols() != 3 || faces.cols() != 3 || nv > INT32_MAX || nf > INT32_MAX / 2) {
+    std::cerr << "Ray scene: the mesh is not a list of triangles of a usable size" << std::endl;
+    return;
+  }
+  for (Eigen::Index f = 0; f < nf; ++f)
+    for (int k = 0; k < 3; ++k)
+      if (faces(f, k) < 0 || faces(f, k) >= nv) {
+        std::cerr << "Ray scene: face " << f << " refers to vertex " << faces(f, k) << " of " << nv << std::endl;
+        return;
+      }
+
+  RTCScene scene = rtcNewScene(device);
+  if (!scene) return;
+  // Robust traversal keeps rays from slipping through the shared edges of
+  // neighbouring triangles.
+  rtcSetSceneFlags(scene, RTC_SCENE_FLAG_ROBUST);
+  rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_MEDIUM);
+  if (nf > 0) {
+    // With back-face culling compiled into the library, each triangle goes in
+    // a second time with the opposite winding so that both sides still count.
+    const bool twice = holder().backfaceCulling;
+    const size_t triangles = static_cast<size_t>(nf) * (twice ? 2 : 1);
+    RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
+    // Buffers made by the library carry the padding its vector loads need.
+    auto* v = static_cast<float*>(rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3,
+                                                          3 * sizeof(float), static_cast<size_t>(nv)));
+    auto* idx = static_cast<uint32_t*>(
+        rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, 3 * sizeof(uint32_t), triangles));
+    if (v && idx) {
+      for (Eigen::Index i = 0; i < nv; ++i)
+        for (int c = 0; c < 3; ++c) v[3 * i + c] = vertices(i, c);
+      for (Eigen::Index f = 0; f < nf; ++f)
+        for (int k = 0; k < 3; ++k) idx[3 * f + k] = static_cast<uint32_t>(faces(f, k));
+      if (twice)
+        for (Eigen::Index f = 0; f < nf; ++f)
+          for (int k = 0; k < 3; ++k) idx[3 * (nf + f) + k] = static_cast<uint32_t>(faces(f, 2 - k));
+      rtcCommitGeometry(geometry);
+      rtcAttachGeometry(scene, geometry);
+    }
+    rtcReleaseGeometry(geometry);
+    if (!v || !idx) {
+      rtcReleaseScene(scene);
+      return;
+    }
+  }
+  rtcCommitScene(scene);
+  if (rtcGetDeviceError(device) != RTC_ERROR_NONE) {
+    // Already reported by the error callback.
+    rtcReleaseScene(scene);
+    return;
+  }
+  scene_ = scene;
+}
+
+RayScene::~RayScene() {
+  if (scene_) rtcReleaseScene(scene_);
+}
+
+bool RayScene::occluded(const float origin[3], const float direction[3], float tNear, float tFar) const {
+  if (!scene_) return false;
+  // The library leaves rays with non-finite or zero parts undefined; here
+  // they simply hit nothing.
+  bool usable = !std::isnan(tNear) && !std::isnan(tFar);
+  for (int c = 0; c < 3; ++c) usable = usable && std::isfinite(origin[c]) && std::isfinite(direction[c]);
+  if (!usable || (direction[0] == 0.0f && direction[1] == 0.0f && direction[2] == 0.0f)) return false;
+  RTCIntersectContext context;
+  rtcInitIntersectContext(&context);
+  RTCRay ray;
+  ray.org_x = origin[0];
+  ray.org_y = origin[1];
+  ray.org_z = origin[2];
+  ray.dir_x = direction[0];
+  ray.dir_y = direction[1];
+  ray.dir_z = direction[2];
+  ray.tnear = tNear;
+  ray.tfar = tFar;
+  ray.time = 0.0f;
+  ray.mask = 0xFFFFFFFFu;
+  ray.id = 0;
+  ray.flags = 0;
+  rtcOccluded1(scene_, &context, &ray);
+  // The library marks an occluded ray by setting its far distance to -inf.
+  const float minusInfinity = -std::numeric_limits<float>::infinity();
+  return ray.tfar == minusInfinity && tFar != minusInfinity;
+}
+
+}  // namespace sensorlay

@@ -1,0 +1,34 @@
+#pragma once
+// One static ray-casting scene of triangles, answering only "hit or no hit".
+// Triangles count from both sides.
+
+#include <embree3/rtcore.h>
+
+#include "surface/stl_reader.h"
+
+namespace sensorlay {
+
+class RayScene {
+ public:
+  // Builds the scene of all `faces` over `vertices` (both with 3 columns).
+  // After an error of the ray-casting library, which is reported on the
+  // standard error stream, the scene is empty and no ray hits.
+  RayScene(const StlVertices& vertices, const StlFaces& faces);
+  ~RayScene();
+  RayScene(const RayScene&) = delete;
+  RayScene& operator=(const RayScene&) = delete;
+
+  bool valid() const { return scene_ != nullptr; }
+
+  // True when a triangle lies on the ray between origin + tNear * direction
+  // and origin + tFar * direction. Allocates nothing.
+  bool occluded(const float origin[3], const float direction[3], float tNear, float tFar) const;
+
+ private:
+  RTCScene scene_ = nullptr;
+};
+
+// The process's one device, made on first use; null if it could not be made.
+RTCDevice rayDevice();
+
+}  // namespace sensorlay
