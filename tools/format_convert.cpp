@@ -1,13 +1,31 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "device/device_config.h"
+#include "model/json_io.h"
+#include "model/model_file.h"
 #include "tools/tools.h"
 
 namespace sensorlay {
 
-void convertDeviceFile(const std::string&, int) {
-  std::fprintf(stderr, "/formatconvert is not built yet\n");
-  std::exit(1);
+void convertDeviceFile(const std::string& path, int format) {
+  const std::string text = readTextFile(path);
+  if (text.empty()) {
+    // Returns, and the caller ends with status 0: a missing file is reported
+    // but not failed, unlike a file that is there and wrong.
+    std::fprintf(stderr, "couldn't read %s: file is empty or does not exist\n", path.c_str());
+    return;
+  }
+  DeviceConfig config;
+  std::string errorText;
+  if (!parseDeviceConfig(config, errorText, text)) {
+    std::fprintf(stderr, "couldn't read %s: %s\n", path.c_str(), errorText.c_str());
+    std::exit(1);
+  }
+  config.jsonFormat = format;
+  std::fputs(writeStyledJson(writeDeviceRecord(config)).c_str(), stdout);
+  std::fputs("\n", stdout);
+  std::fflush(stdout);
 }
 
 }  // namespace sensorlay
