@@ -1,0 +1,147 @@
+#include <cmath>
+#include <iostream>
+#include <random>
+
+#include "surface/coverage_evaluator.h"
+#include "surface/random_draws.h"
+
+namespace sensorlay {
+
+namespace {
+
+constexpr int kCandidates = 10;
+
+// The shortest rotation that takes `d` (unit) onto +Z, as a quaternion
+// w, x, y, z with w not below 0. Straight along +Z the formula divides 0 by 0,
+// and the result is not-a-number; that sample is never seen by any sensor.
+void rotationOntoZ(const double d[3], double q[4]) {
+  const double x = d[0], y = d[1], z = d[2];
+  const double k = (1.0 - z) / (x * x + y * y);
+  const double m00 = 1.0 - k * x * x, m01 = -k * x * y, m02 = -x;
+  const double m10 = -k * x * y, m11 = 1.0 - k * y * y, m12 = -y;
+  const double m20 = x, m21 = y, m22 = 1.0 - k * (x * x + y * y);
+
+  double w, a, b, c;
+  const double trace = m00 + m11 + m22;
+  if (trace > 0.0) {
+    const double s = std::sqrt(trace + 1.0) * 2.0;
+    w = 0.25 * s;
+    a = (m21 - m12) / s;
+    b = (m02 - m20) / s;
+    c = (m10 - m01) / s;
+  } else if (m00 > m11 && m00 > m22) {
+    const double s = std::sqrt(1.0 + m00 - m11 - m22) * 2.0;
+    w = (m21 - m12) / s;
+    a = 0.25 * s;
+    b = (m01 + m10) / s;
+    c = (m02 + m20) / s;
+  } else if (m11 > m22) {
+    const double s = std::sqrt(1.0 + m11 - m00 - m22) * 2.0;
+    w = (m02 - m20) / s;
+    a = (m01 + m10) / s;
+    b = 0.25 * s;
+    c = (m12 + m21) / s;
+  } else {
+    const double s = std::sqrt(1.0 + m22 - m00 - m11) * 2.0;
+    w = (m10 - m01) / s;
+    a = (m02 + m20) / s;
+    b = (m12 + m21) / s;
+    c = 0.25 * s;
+  }
+  if (!(w >= 0.0)) {
+    w = -w;
+    a = -a;
+    b = -b;
+    c = -c;
+  }
+  q[0] = w;
+  q[1] = a;
+  q[2] = b;
+  q[3] = c;
+}
+
+void quaternionToRotationVector(const double q[4], double v[3]) {
+  const double w = q[0], a = q[1], b = q[2], c = q[3];
+  const double s2 = a * a + b * b + c * c;
+  double k = 2.0;
+  if (s2 > 0.0) {
+    const double n = std::sqrt(s2);
+    // For w below 0 the angle is taken the short way round.
+    const double angle = w < 0.0 ? std::atan2(-n, -w) : std::atan2(n, w);
+    k = 2.0 * angle / n;
+  }
+  v[0] = a * k;
+  v[1] = b * k;
+  v[2] = c * k;
+}
+
+}  // namespace
+
+void CoverageEvaluator::sampleOrientations(int32_t count) {
+  samples.clear();
+  // A fixed seed, and a generator shared with nothing: every run judges
+  // placements against the same set, and a smaller set is a prefix of a larger.
+  std::mt19937 generator(5489u);
+  double total = 0.0;
+
+  for (int32_t i = 0; i < count; ++i) {
+    OrientationSample sample;
+    if (i == 0) {
+      sample.direction[0] = 0.0;
+      sample.direction[1] = 0.0;
+      sample.direction[2] = 1.0;
+    } else {
+      // Best of several candidates: the one farthest from all directions so
+      // far, which spreads the set evenly over the sphere.
+      const OrientationSample& previous = samples.back();
+      double best[3] = {previous.direction[0], previous.direction[1], previous.direction[2]};
+      double bestDistance = 0.0;
+      for (int candidate = 0; candidate < kCandidates; ++candidate) {
+        const double z = drawUnitDouble(generator) * 2.0 - 1.0;
+        const double s = std::sqrt(1.0 - z * z);
+        const double phi = drawUnitDouble(generator) * 6.283185307179586 - 3.141592653589793;
+        const double x = std::cos(phi) * s;
+        const double y = std::sin(phi) * s;
+        double d = 9999.0;
+        for (const OrientationSample& other : samples) {
+          const double dx = x - other.direction[0];
+          const double dy = y - other.direction[1];
+          const double dz = z - other.direction[2];
+          const double distance = dx * dx + dy * dy + dz * dz;
+          if (distance < d) d = distance;
+        }
+        if (d > bestDistance) {
+          bestDistance = d;
+          best[0] = x;
+          best[1] = y;
+          best[2] = z;
+        }
+      }
+      sample.direction[0] = best[0];
+      sample.direction[1] = best[1];
+      sample.direction[2] = best[2];
+    }
+
+    rotationOntoZ(sample.direction, sample.quaternion);
+    quaternionToRotationVector(sample.quaternion, sample.rotationVector);
+
+    const double x = sample.direction[0], y = sample.direction[1], z = sample.direction[2];
+    sample.latitude = std::atan2(y, std::sqrt(z * z + x * x));
+    sample.longitude = std::atan2(x, z);
+    sample.weight = qualityMapPixels.empty() ? 1.0 : static_cast<double>(qualityAt(sample.latitude, sample.longitude));
+
+    total += sample.weight;
+    samples.push_back(sample);
+  }
+
+  if (total > 0.0) {
+    // Mean weight 1 over the set, so the score's scale does not depend on how
+    // bright the map is.
+    const double factor = static_cast<double>(samples.size()) / total;
+    for (OrientationSample& sample : samples) sample.weight *= factor;
+    std::cerr << "quality map normalization: " << factor << std::endl;
+  }
+  scoreScale = 500.0 / static_cast<double>(samples.size());
+}
+
+}  // namespace sensorlay
