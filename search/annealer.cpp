@@ -1,0 +1,160 @@
+#include "search/annealer.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iostream>
+#include <limits>
+
+#include "surface/random_draws.h"
+#include "surface/tracked_surface.h"
+
+namespace sensorlay {
+
+namespace {
+
+// The acceptance draws are the same sequence in every run, independent of the
+// clock-seeded trial generator.
+constexpr uint32_t acceptanceSeed = 5489;
+
+constexpr double degreesToRadians = 0.017453292519943295;
+
+}  // namespace
+
+AnnealerOptions::AnnealerOptions(TrackedSurface& surface_, int32_t nSensors_)
+    : nSensors(nSensors_), surface(surface_) {}
+
+Annealer::Annealer(SensorModel& model_, TrackedSurface& surface_, const std::string& qualityMapPath,
+                   int32_t nIterations, int32_t nOrientations_, double coolingRate_, double qualityRangeLow,
+                   double qualityRangeHigh, std::optional<uint32_t> seed)
+    : model(&model_), surface(&surface_) {
+  // Saturate rather than overflow for absurd iteration counts.
+  const int64_t trials = static_cast<int64_t>(model->points.size()) * nIterations;
+  trialsPerTemperature = static_cast<int32_t>(
+      std::clamp<int64_t>(trials, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
+  nOrientations = nOrientations_;
+  coolingRate = coolingRate_;
+  firstSnapshot = true;
+  moveDrawLow = 0.0;
+  moveDrawHigh = 1.0;
+
+  // The observation records point into the model, so moves reach the score
+  // without a rebuild.
+  evaluator.model = model;
+  evaluator.rebuildObservations();
+  evaluator.surface = surface;
+  evaluator.rebuildObservations();
+  // The sample weights are read from the map, so it comes first.
+  if (!qualityMapPath.empty()) evaluator.loadQualityMap(qualityMapPath);
+  evaluator.sampleOrientations(nOrientations);
+  if (qualityRangeLow > 0.0 && qualityRangeHigh > 0.0) evaluator.setQualityRange(qualityRangeLow, qualityRangeHigh);
+
+  rng.seed(seed ? *seed : clockSeed());
+  pickLow = static_cast<int32_t>(model->immutableCount);
+  pickHigh = static_cast<int32_t>(model->points.size()) - 1;
+  inverseStartTemperature = 1.0 / annealStartTemperature;
+}
+
+bool acceptTrial(double current, double next, double T, std::mt19937& acceptance) {
+  if (!(next > current)) return true;
+  const double u = drawUnitDouble(acceptance);
+  const double p = std::exp((current - next) / T);
+  return p >= u;
+}
+
+double annealDuration(int32_t trialsPerTemperature, double coolingRate) {
+  return std::log(annealEndTemperature / annealStartTemperature) * trialsPerTemperature / std::log(coolingRate);
+}
+
+void Annealer::takeSnapshot(Constellation& result) {
+  if (!firstSnapshot) std::cerr << "(" << currentScore << ")";
+  bestScore = currentScore;
+  firstSnapshot = false;
+
+  const size_t count = model->points.size();
+  result.modelCad.clear();
+  result.channelMap.resize(count);
+  result.modelPoints.resize(count);
+  result.modelNormals.resize(count);
+  for (size_t i = 0; i < count; ++i) {
+    result.channelMap[i] = static_cast<int32_t>(i);
+    result.modelPoints[i] = model->points[i].cast<float>();
+    result.modelNormals[i] = model->normals[i].cast<float>();
+  }
+  result.valid = true;
+}
+
+void Annealer::runTrial(double T, double& best, double& current, std::mt19937& acceptance, Constellation& result) {
+  std::cerr << '.';
+  pickedSensor = drawInteger(rng, pickLow, pickHigh);
+  Eigen::Vector3d& point = model->points[pickedSensor];
+  Eigen::Vector3d& normal = model->normals[pickedSensor];
+  savedPoint = point;
+  savedNormal = normal;
+
+  Eigen::Vector3f movedPoint = point.cast<float>();
+  Eigen::Vector3f movedNormal = normal.cast<float>();
+  moveSensor(movedPoint, movedNormal, T);
+  point = movedPoint.cast<double>();
+  normal = movedNormal.cast<double>();
+
+  currentScore = evaluator.scorePlacement();
+  const double next = currentScore;
+  // Written so that a not-a-number score counts as a new best.
+  if (!(next >= best)) {
+    takeSnapshot(result);
+    best = next;
+  }
+
+  if (acceptTrial(current, next, T, acceptance)) {
+    current = next;
+  } else {
+    point = savedPoint;
+    normal = savedNormal;
+  }
+}
+
+void Annealer::anneal(Constellation& result) {
+  std::mt19937 acceptance(acceptanceSeed);
+  takeSnapshot(result);
+  currentScore = evaluator.scorePlacement();
+  double best = currentScore;
+  double current = currentScore;
+  // The snapshot above was taken before any score existed; give it the
+  // starting score, so that a run in which no trial improves reports the
+  // score of the placement it returns.
+  bestScore = currentScore;
+
+  // With every sensor fixed there is nothing to move.
+  if (pickLow > pickHigh) return;
+  // Written as >= so that a not-a-number rate ends after one level.
+  for (double T = annealStartTemperature; T >= annealEndTemperature; T *= coolingRate) {
+    for (int32_t trial = 0; trial < trialsPerTemperature; ++trial) runTrial(T, best, current, acceptance, result);
+  }
+}
+
+void runAnnealer(AnnealerOptions& options, Constellation& result) {
+  std::unique_ptr<SensorModel> model = makeEmptySensorModel(options.nSensors);
+  model->cosMaxIncidence = std::cos(options.maxIncidenceDegrees * degreesToRadians);
+
+  if (options.immutableModel) {
+    // The run preparation refuses more fixed sensors than the count; should
+    // it happen anyway, the surplus is dropped rather than written past the
+    // end.
+    const size_t fixed = std::min(options.immutableModel->points.size(), model->points.size());
+    for (size_t i = 0; i < fixed; ++i) {
+      model->points[i] = options.immutableModel->points[i];
+      model->normals[i] = options.immutableModel->normals[i];
+    }
+    model->immutableCount = fixed;
+  }
+
+  placeInitialSensors(options, *model);
+
+  Annealer annealer(*model, options.surface, options.qualityMapPath, options.nIterations, options.nOrientations,
+                    options.coolingRate, options.qualityRangeLow, options.qualityRangeHigh, options.annealSeed);
+  std::cerr << "anneal duration: " << annealDuration(annealer.trialsPerTemperature, options.coolingRate) << "\n";
+  annealer.anneal(result);
+  options.finalQualityScore = annealer.bestScore;
+}
+
+}  // namespace sensorlay

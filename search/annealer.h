@@ -1,0 +1,111 @@
+#pragma once
+// The placement search: simulated annealing over the free sensors of a model,
+// one sensor moved per trial, towards the lowest tracking-quality score.
+
+#include <Eigen/Core>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+
+#include "model/constellation.h"
+#include "surface/coverage_evaluator.h"
+
+namespace sensorlay {
+
+class TrackedSurface;
+
+// Temperatures are in score units, the top of the score scale being 1000.
+constexpr double annealFullScale = 1000.0;
+constexpr double annealStartTemperature = annealFullScale * 0.1;
+constexpr double annealEndTemperature = annealFullScale * 0.0035 * 0.01;
+
+// What the design run hands to the search; the search writes
+// `finalQualityScore` back.
+struct AnnealerOptions {
+  AnnealerOptions(TrackedSurface& surface, int32_t nSensors);
+
+  const SensorModel* immutableModel = nullptr;  // fixed sensors, or none
+  int32_t nSensors;
+  int32_t nOrientations = 1250;
+  int32_t nIterations = 50;
+  double coolingRate = 0.958;
+  double maxIncidenceDegrees = 60.0;
+  double qualityRangeLow = -1.0;
+  double qualityRangeHigh = -1.0;
+  double finalQualityScore = 0.0;
+  std::string qualityMapPath;
+  TrackedSurface& surface;
+  // Replaces the clock seed of the trial generator, for reproducible runs.
+  // The surface's own generator is fixed through TrackedSurface::seedGenerator.
+  std::optional<uint32_t> annealSeed;
+};
+
+// The state of one search; lives only inside runAnnealer.
+class Annealer {
+ public:
+  Annealer(SensorModel& model, TrackedSurface& surface, const std::string& qualityMapPath, int32_t nIterations,
+           int32_t nOrientations, double coolingRate, double qualityRangeLow, double qualityRangeHigh,
+           std::optional<uint32_t> seed = std::nullopt);
+  Annealer(const Annealer&) = delete;
+  Annealer& operator=(const Annealer&) = delete;
+
+  // Runs the whole schedule and leaves the best placement seen in `result`.
+  void anneal(Constellation& result);
+  // Overwrites `result` from the working model and records `currentScore` as
+  // the best score.
+  void takeSnapshot(Constellation& result);
+  // The trial move of one sensor in single precision; its reach in direction
+  // narrows as the temperature `T` falls.
+  void moveSensor(Eigen::Vector3f& point, Eigen::Vector3f& normal, double T);
+
+  SensorModel* model;
+  TrackedSurface* surface;
+  CoverageEvaluator evaluator;
+  int32_t trialsPerTemperature = 0;
+  int32_t nOrientations = 0;
+  double coolingRate = 0.0;
+  double inverseStartTemperature = 0.0;
+  bool firstSnapshot = true;
+  double currentScore = 0.0;
+  double bestScore = 0.0;
+  int32_t pickLow = 0;
+  int32_t pickHigh = -1;
+  double moveDrawLow = 0.0;
+  double moveDrawHigh = 1.0;
+  std::mt19937 rng;
+  int32_t pickedSensor = -1;
+  Eigen::Vector3d savedPoint = Eigen::Vector3d::Zero();
+  Eigen::Vector3d savedNormal = Eigen::Vector3d::Zero();
+
+ private:
+  void runTrial(double T, double& best, double& current, std::mt19937& acceptance, Constellation& result);
+};
+
+// The Metropolis rule: a trial that is not worse than `current` is kept
+// without a draw; a worse one draws u from `acceptance` and is kept when
+// exp((current - next) / T) is at or above u. A not-a-number `next` is kept.
+bool acceptTrial(double current, double next, double T, std::mt19937& acceptance);
+
+// The number of trials the schedule runs, before rounding, as printed on the
+// "anneal duration: " line.
+double annealDuration(int32_t trialsPerTemperature, double coolingRate);
+
+// Searches the placement: fills `result` with the best placement seen (all
+// sensors numbered from 0, fixed ones first) and sets `finalQualityScore`.
+void runAnnealer(AnnealerOptions& options, Constellation& result);
+
+// Placement moves (placement_moves.cpp).
+
+// A model of `count` sensors on channels 0 to count - 1, all at the origin
+// with zero normals, none fixed.
+std::unique_ptr<SensorModel> makeEmptySensorModel(int32_t count);
+
+// Seats the free sensors (from `immutableCount` on) by best-candidate
+// sampling: of 20 fitting positions each takes the one farthest from its
+// nearest earlier sensor, fixed ones included.
+void placeInitialSensors(const AnnealerOptions& options, SensorModel& model);
+
+}  // namespace sensorlay
