@@ -1,6 +1,7 @@
 #include "reports/report_tables.h"
 
 #include <Eigen/Core>
+#include <Eigen/Geometry>
 #include <Eigen/LU>
 
 #include <array>
