@@ -1,5 +1,6 @@
 #include "tools/imu_transform.h"
 
+#include <Eigen/Geometry>
 #include <json/json.h>
 
 #include <cerrno>
