@@ -100,7 +100,9 @@ TEST(TrackedSurface, FailedBuildsLeaveNoFacesAndTheGeneratorUnseeded) {
     const std::string err = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(s.faceCount(), 0u) << c.first;
     EXPECT_EQ(s.generator(), kDefaultFirstOutput);
-    if (c.first != dir.file("empty.stl")) EXPECT_EQ(err.rfind("IOError: ", 0), 0u) << err;
+    if (c.first != dir.file("empty.stl")) {
+      EXPECT_EQ(err.rfind("IOError: ", 0), 0u) << err;
+    }
   }
   // An empty obstacle file is no failure: it simply adds nothing.
   TrackedSurface s(dir.file("s.stl"), {dir.file("empty.stl")});
