@@ -1,0 +1,318 @@
+#include "reports/report_tables.h"
+
+#include <Eigen/Geometry>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <sstream>
+
+#include "app/modes.h"
+#include "surface/coverage_evaluator.h"
+#include "tests/support/frontend_fixtures.h"
+
+namespace sensorlay {
+namespace {
+
+using Points = std::vector<Eigen::Vector3f>;
+
+std::unique_ptr<SensorModel> makeModel(const Points& points, const Points& normals,
+                                       std::vector<int32_t> channels = {}) {
+  Constellation c;
+  c.valid = true;
+  c.modelPoints = points;
+  c.modelNormals = normals;
+  if (channels.empty())
+    for (size_t i = 0; i < points.size(); ++i) channels.push_back(static_cast<int32_t>(i));
+  c.channelMap = channels;
+  return std::make_unique<SensorModel>(c, ModelTransform());
+}
+
+// Facing the station, which stands on +z of a device at its default pose.
+const Eigen::Vector3f kUp(0.0f, 0.0f, 1.0f);
+const Eigen::Vector3f kDown(0.0f, 0.0f, -1.0f);
+const Points kTetrahedron = {{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0, 0, 0.03f}};
+
+OrientationSample sampleAbout(const Eigen::Vector3d& axis, double angle) {
+  const Eigen::Quaterniond q(Eigen::AngleAxisd(angle, axis.normalized()));
+  OrientationSample s;
+  s.quaternion[0] = q.w();
+  s.quaternion[1] = q.x();
+  s.quaternion[2] = q.y();
+  s.quaternion[3] = q.z();
+  for (int i = 0; i < 3; ++i) s.rotationVector[i] = angle * axis.normalized()[i];
+  return s;
+}
+
+struct TableOutput {
+  std::string out, err;
+};
+
+TableOutput printTable(CoverageEvaluator& evaluator, bool sensitivity = false) {
+  ::testing::internal::CaptureStdout();
+  ::testing::internal::CaptureStderr();
+  if (sensitivity)
+    evaluator.printSensitivityTable();
+  else
+    evaluator.printCoverageTable();
+  TableOutput result;
+  result.out = ::testing::internal::GetCapturedStdout();
+  result.err = ::testing::internal::GetCapturedStderr();
+  return result;
+}
+
+std::vector<std::string> columns(const std::string& line) {
+  std::istringstream in(line);
+  std::vector<std::string> out;
+  for (std::string word; in >> word;) out.push_back(word);
+  return out;
+}
+
+// The single row of a coverage table at the default pose with the device
+// facing the station.
+std::vector<std::string> facingRow(const Points& points, const Points& normals, double distance = 2.0) {
+  auto model = makeModel(points, normals);
+  CoverageEvaluator evaluator;
+  evaluator.model = model.get();
+  evaluator.rebuildObservations();
+  evaluator.samples = {OrientationSample()};
+  evaluator.pose[2] = -distance;
+  return columns(printTable(evaluator).out);
+}
+
+std::string grade(const std::vector<std::string>& row) { return row.at(8) + " " + row.at(9); }
+
+double degreesToStep(double degrees) { return degrees * 0.005555555555555556 * 3.141592653589793; }
+
+TEST(ReportGrid, RowCountsFollowTheRunningSums) {
+  CoverageEvaluator evaluator;
+  evaluator.buildReportGrid(6.283185307179586, degreesToStep(0.5));
+  EXPECT_EQ(evaluator.samples.size(), 361u * 721u);
+  evaluator.buildReportGrid(6.283185307179586, degreesToStep(1.0));
+  EXPECT_EQ(evaluator.samples.size(), 180u * 361u);  // the end latitude is missed
+  evaluator.buildReportGrid(6.283185307179586, degreesToStep(5.0));
+  ASSERT_EQ(evaluator.samples.size(), 37u * 73u);
+
+  // Longitude outermost, latitude inner, both ascending from the low end.
+  EXPECT_DOUBLE_EQ(evaluator.samples[0].latitude, -1.5707963267948966);
+  EXPECT_DOUBLE_EQ(evaluator.samples[0].longitude, -3.141592653589793);
+  EXPECT_EQ(evaluator.samples[36].longitude, evaluator.samples[0].longitude);
+  EXPECT_GT(evaluator.samples[37].longitude, evaluator.samples[36].longitude);
+  EXPECT_LT(evaluator.samples[37].latitude, evaluator.samples[36].latitude);
+
+  // Each orientation carries its direction onto +z, with w never negative and
+  // the rotation vector matching the quaternion.
+  for (const OrientationSample& s : evaluator.samples) {
+    const Eigen::Quaterniond q(s.quaternion[0], s.quaternion[1], s.quaternion[2], s.quaternion[3]);
+    const Eigen::Vector3d d(s.direction[0], s.direction[1], s.direction[2]);
+    EXPECT_NEAR(d.x(), std::sin(s.longitude) * std::cos(s.latitude), 1e-15);
+    EXPECT_NEAR(d.y(), std::sin(s.latitude), 1e-15);
+    EXPECT_GE(q.w(), 0.0);
+    EXPECT_NEAR(q.norm(), 1.0, 1e-12);
+    EXPECT_LT((q * d - Eigen::Vector3d::UnitZ()).norm(), 1e-7) << s.longitude << " " << s.latitude;
+    const Eigen::Vector3d v(s.rotationVector[0], s.rotationVector[1], s.rotationVector[2]);
+    const Eigen::AngleAxisd back(q);
+    EXPECT_LT((back.angle() * back.axis() - v).norm(), 1e-9);
+  }
+}
+
+TEST(ReportGrid, UnusableStepsLayNoGrid) {
+  CoverageEvaluator evaluator;
+  for (double step : {0.0, -0.1, std::nan(""), std::numeric_limits<double>::infinity(), 1e-20, degreesToStep(0.05)}) {
+    evaluator.samples.resize(3);
+    evaluator.buildReportGrid(6.283185307179586, step);
+    EXPECT_TRUE(evaluator.samples.empty()) << step;
+  }
+  // 0.1 degrees, 6.5 million rows, is still allowed.
+  EXPECT_LE(estimateReportRows(6.283185307179586, degreesToStep(0.1)), kReportRowLimit);
+  EXPECT_GT(estimateReportRows(6.283185307179586, degreesToStep(0.08)), kReportRowLimit);
+  evaluator.buildReportGrid(6.283185307179586, degreesToStep(400.0));
+  EXPECT_EQ(evaluator.samples.size(), 1u);
+}
+
+TEST(CoverageTable, GradesFollowTheVisibleSensors) {
+  const Points up5(5, kUp);
+  EXPECT_EQ(grade(facingRow({kTetrahedron.begin(), kTetrahedron.begin() + 3}, {3, kUp})), "0 100");
+  const auto four = facingRow(kTetrahedron, {4, kUp});
+  EXPECT_EQ(grade(four), "99 1");
+  Points five = kTetrahedron;
+  five.push_back({0.05f, 0.05f, 0.01f});
+  EXPECT_EQ(grade(facingRow(five, up5)), "100 0");
+  // Four in one plane, and five that are nearly collinear: no triangle wide
+  // enough, or none with a sensor off its plane.
+  EXPECT_EQ(grade(facingRow({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0}}, {4, kUp})), "96 4");
+  EXPECT_EQ(grade(facingRow({{0, 0, 0}, {0.05f, 0.004f, 0}, {0.1f, 0, 0.004f}, {0.15f, 0, 0}, {0.2f, 0.004f, 0}},
+                            up5)),
+            "96 4");
+
+  // The whole line of a good view: sigmas small, channels listed.
+  ASSERT_EQ(four.size(), 16u);
+  EXPECT_EQ(four[2], "2.0");
+  EXPECT_EQ(four[3], "0.0");
+  EXPECT_EQ(four[4], "4");
+  EXPECT_EQ(four[5] + four[6] + four[7], "000");
+  EXPECT_GT(std::stod(four[10]), 0.0);
+  EXPECT_LT(std::stod(four[10]), 0.1);
+  EXPECT_GT(std::stod(four[11]), 0.0);
+  EXPECT_LT(std::stod(four[11]), 0.1);
+  EXPECT_EQ(four[12] + four[13] + four[14] + four[15], "0123");
+}
+
+TEST(CoverageTable, SigmasAreClampedAndFailTheGrade) {
+  Points five = kTetrahedron;
+  five.push_back({0.05f, 0.05f, 0.01f});
+  // A kilometre away the position is lost in metres.
+  const auto far = facingRow(five, Points(5, kUp), 1000.0);
+  EXPECT_EQ(far[2], "1000.0");
+  EXPECT_EQ(grade(far), "0 100");
+  EXPECT_EQ(far[11], "1.000000");
+  // All sensors in one spot: the information is singular.
+  const auto singular = facingRow(Points(5, Eigen::Vector3f(0.01f, 0, 0)), Points(5, kUp));
+  EXPECT_EQ(grade(singular), "0 100");
+  EXPECT_EQ(singular[10] + " " + singular[11], "1.000000 1.000000");
+  // Nothing seen.
+  const auto none = facingRow(kTetrahedron, Points(4, kDown));
+  EXPECT_EQ(none.size(), 12u);
+  EXPECT_EQ(none[4] + " " + grade(none) + " " + none[10] + " " + none[11], "0 0 100 1.000000 1.000000");
+}
+
+TEST(CoverageTable, NeverSeenSensorsAndTheStraightAheadRow) {
+  // Over the whole sphere every sensor faces the station somewhere, but for
+  // one with a zero normal (not a number after reading), on channel 9.
+  auto model = makeModel({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0, 0, 0.03f}}, {kUp, kUp, kDown, {0, 0, 0}},
+                         {3, 4, 7, 9});
+  CoverageEvaluator evaluator;
+  evaluator.model = model.get();
+  evaluator.rebuildObservations();
+  // At 45 degrees the running sums land on zero: one sample looks straight
+  // ahead, and its orientation is not a number.
+  evaluator.buildReportGrid(6.283185307179586, degreesToStep(45.0));
+  ASSERT_EQ(evaluator.samples.size(), 45u);
+  const TableOutput table = printTable(evaluator);
+  EXPECT_NE(table.out.find("\n0.000000 0.000000 2.0 0.0 0 0 0 0 0 100 1.000000 1.000000\n"), std::string::npos);
+  EXPECT_EQ(table.err, "did not see sensor id 9\n");
+  size_t lines = 0;
+  for (char c : table.out) lines += c == '\n';
+  EXPECT_EQ(lines, 45u);
+}
+
+TEST(SensitivityTable, PositionTurnsWithTheDevice) {
+  Points five = kTetrahedron;
+  five.push_back({0.05f, 0.05f, 0.01f});
+  auto model = makeModel(five, Points(5, kUp));
+  CoverageEvaluator evaluator;
+  evaluator.model = model.get();
+  evaluator.rebuildObservations();
+  evaluator.samples = {OrientationSample(), sampleAbout(Eigen::Vector3d::UnitY(), M_PI / 6.0)};
+  const TableOutput table = printTable(evaluator, true);
+  std::istringstream lines(table.out);
+  std::string ahead, turned;
+  std::getline(lines, ahead);
+  std::getline(lines, turned);
+  const auto a = columns(ahead), t = columns(turned);
+  ASSERT_EQ(a.size(), 5u);
+  ASSERT_EQ(t.size(), 5u);
+  // Straight ahead the depth error lies along z. Turned by 30 degrees about y,
+  // the device stands off to the side, and its depth error, along the line of
+  // sight, leans into x by tan 30 degrees.
+  EXPECT_LT(std::stod(a[2]) / std::stod(a[4]), 0.1);
+  EXPECT_NEAR(std::stod(t[2]) / std::stod(t[4]), std::tan(M_PI / 6.0), 0.08);
+  EXPECT_TRUE(table.err.empty());
+  EXPECT_EQ(evaluator.pose[0], 0.0);  // the position is put back
+  EXPECT_EQ(evaluator.pose[2], -2.0);
+}
+
+TEST(PoseSolvability, AxesAreCountedOncePerSensor) {
+  Points six = {{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0}, {0, 0, 0.05f}, {0.05f, 0, 0.05f}};
+  auto model = makeModel(six, Points(6, kUp));
+  std::vector<AxisObservation> hits;
+  // The four coplanar sensors on both axes, one lifted sensor on each axis
+  // alone: only the per-axis sets span a volume.
+  for (int32_t c = 0; c < 4; ++c) hits.insert(hits.end(), {{c, 0}, {c, 1}});
+  hits.push_back({4, 0});
+  hits.push_back({5, 1});
+  // Out of the mask's reach: passed over.
+  hits.insert(hits.end(), {{32, 0}, {-1, 1}, {2, 2}});
+  PoseSolvability check(*model, hits);
+  EXPECT_TRUE(check.isSolvable());
+  EXPECT_EQ(check.axisCount[0], 5);
+  EXPECT_EQ(check.axisCount[1], 5);
+  EXPECT_EQ(check.bothAxesCount, 4);
+  EXPECT_EQ(check.consumed, hits.size());
+  check.update();
+  EXPECT_EQ(check.axisCount[0], 5);
+
+  // A square with one corner lifted: each corner lies about the lift off the
+  // plane of the other three. Within minSpread it stays flat; beyond, it spans.
+  const int32_t plane[] = {0, 1, 2, 3};
+  EXPECT_FALSE(check.spansVolume(plane, 4));
+  auto nearPlane = makeModel({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0.0084f}}, Points(4, kUp));
+  EXPECT_FALSE(PoseSolvability(*nearPlane, hits).spansVolume(plane, 4));
+  auto offPlane = makeModel({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0.0086f}}, Points(4, kUp));
+  EXPECT_TRUE(PoseSolvability(*offPlane, hits).spansVolume(plane, 4));
+}
+
+TEST(ReportLimits, ModelsBeyondTheMatrixAreRefused) {
+  Points many(33, kUp), normals(33, kUp);
+  for (size_t i = 0; i < many.size(); ++i) many[i] = Eigen::Vector3f(0.01f * i, 0.001f * i * i, 0);
+  auto tooMany = makeModel(many, normals);
+  EXPECT_NE(reportModelProblem(*tooMany).find("at most 32"), std::string::npos);
+  auto highChannel = makeModel(kTetrahedron, Points(4, kUp), {0, 1, 2, 32});
+  EXPECT_NE(reportModelProblem(*highChannel).find("channel 32"), std::string::npos);
+  auto full = makeModel({many.begin(), many.begin() + 32}, {normals.begin(), normals.begin() + 32});
+  EXPECT_EQ(reportModelProblem(*full), "");
+
+  CoverageEvaluator evaluator;
+  evaluator.model = tooMany.get();
+  evaluator.rebuildObservations();
+  evaluator.samples = {OrientationSample()};
+  const TableOutput table = printTable(evaluator);
+  EXPECT_EQ(table.out, "");
+  EXPECT_NE(table.err.find("at most 32"), std::string::npos);
+
+  // The analysis run refuses before anything is set up or printed, and names
+  // the file.
+  DesignOptions options;
+  options.modelPath = "many.json";
+  ::testing::internal::CaptureStdout();
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(runAnalysis(options, *tooMany, nullptr, evaluator), 1);
+  options.modelPath = "four.json";
+  auto four = makeModel(kTetrahedron, Points(4, kUp));
+  for (double degrees : {0.0, -5.0, 0.01}) {
+    options.angleResolutionDegrees = degrees;
+    EXPECT_EQ(runAnalysis(options, *four, nullptr, evaluator), 1);
+  }
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("Cannot analyse many.json: it has 33 sensors, and the tables take at most 32."),
+            std::string::npos);
+  EXPECT_NE(err.find("/angleresolutiondegrees must be a number of degrees above 0, not 0."), std::string::npos);
+  EXPECT_NE(err.find("/angleresolutiondegrees 0.01 would make a table of about"), std::string::npos);
+}
+
+TEST(AnalysisRun, SetsUpTheEvaluatorFromTheOptions) {
+  auto model = makeModel(kTetrahedron, Points(4, kUp));
+  DesignOptions options;
+  options.angleResolutionDegrees = 30.0;
+  options.distanceBaseMeters = -3.0;
+  options.maxIncidenceAngle = 70.0;
+  options.srbTiltRadians = 0.2;
+  CoverageEvaluator evaluator;
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(runAnalysis(options, *model, nullptr, evaluator), 0);
+  const std::string out = ::testing::internal::GetCapturedStdout();
+  EXPECT_DOUBLE_EQ(model->cosMaxIncidence, std::cos(70.0 * M_PI / 180.0));
+  EXPECT_EQ(evaluator.stationConfig.stationKind, 7);
+  EXPECT_EQ(evaluator.stationConfig.tiltRadians, 0.2);
+  ASSERT_TRUE(evaluator.observations);
+  EXPECT_EQ(evaluator.observations->sensorSweeps.at(0).sweepKind, 2);
+  EXPECT_EQ(evaluator.samples.size(), 72u);
+  std::istringstream lines(out);
+  size_t count = 0;
+  for (std::string line; std::getline(lines, line); ++count) EXPECT_EQ(columns(line).at(2), "3.0");
+  EXPECT_EQ(count, 72u);
+}
+
+}  // namespace
+}  // namespace sensorlay
