@@ -55,9 +55,10 @@ std::string shown(std::string_view token) {
   return "\"" + s + "\"";
 }
 
-// Text that begins with "solid" (after white space) and holds no NUL byte.
+// Text that begins with "solid" (after a byte-order mark and white space)
+// and holds no NUL byte.
 bool looksLikeAscii(const std::string& bytes) {
-  size_t i = 0;
+  size_t i = bytes.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0;
   while (i < bytes.size() && isSpace(bytes[i])) ++i;
   if (bytes.size() - i < 5 || !equalsNoCase(std::string_view(bytes).substr(i, 5), "solid")) return false;
   return bytes.find('\0') == std::string::npos;

@@ -67,6 +67,11 @@ TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vecto
   // The scale has to be known before obstacles can join the scene, so the
   // surface gets a scene of its own first.
   scene = std::make_unique<RayScene>(vertices, faces);
+  // Without rays every test would pass silently; the library has said why.
+  if (!scene->valid()) {
+    faces.resize(0, 3);
+    return;
+  }
 
   totalArea = 0.0;
   cumulativeAreas.reserve(static_cast<size_t>(faces.rows()));
@@ -97,6 +102,10 @@ TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vecto
     stackRows(vertices, obstacleV, allV);
     stackRows(faces, obstacleF, allF);
     scene = std::make_unique<RayScene>(allV, allF);
+    if (!scene->valid()) {
+      faces.resize(0, 3);
+      return;
+    }
   }
 
   generator.seed(clockSeed());

@@ -65,9 +65,9 @@ TEST(StlReader, BinaryAsciiAndSolidHeaderReadTheSameTriangles) {
 
 TEST(StlReader, AsciiVariantsAreAccepted) {
   TempDir dir;
-  // Upper case keywords, CR LF line ends, an unnamed solid, two solids in one file.
+  // A byte-order mark, upper case keywords, CR LF line ends, an unnamed solid, two solids in one file.
   writeFile(dir.file("u.stl"),
-            "SOLID\r\nFACET NORMAL 0 0 1\r\nOUTER LOOP\r\nVERTEX 0 0 0\r\nVERTEX 1 0 0\r\nVERTEX 0 1 0\r\n"
+            "\xEF\xBB\xBFSOLID\r\nFACET NORMAL 0 0 1\r\nOUTER LOOP\r\nVERTEX 0 0 0\r\nVERTEX 1 0 0\r\nVERTEX 0 1 0\r\n"
             "ENDLOOP\r\nENDFACET\r\nENDSOLID\r\n"
             "solid second\n facet normal 0 0 -1 outer loop vertex 0 0 0 vertex 0 1 0 vertex 1 0 0 endloop endfacet\n"
             "endsolid second\n");
