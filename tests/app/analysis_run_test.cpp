@@ -1,0 +1,213 @@
+// The analysis, the model-to-script conversion and the surface-fit preview end
+// to end: the real binary on generated models and meshes.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/frontend_fixtures.h"
+#include "tests/support/meshes.h"
+#include "tests/support/run_binary.h"
+
+namespace sensorlay {
+namespace {
+
+using testing::readFile;
+using testing::runSensorlay;
+using testing::TempDir;
+
+// A 10 cm cube with a sensor in the middle of each face, one more on top, a
+// sensor with a zero normal (seen from nowhere) on channel 9, and one on a
+// negative channel that the analysis leaves out but the script shows.
+Constellation cubeSensors() {
+  Constellation c;
+  c.valid = true;
+  c.channelMap = {0, 1, 2, 3, 4, 5, 6, 9, -1};
+  c.modelPoints = {{0.05f, 0, 0},     {-0.05f, 0, 0}, {0, 0.05f, 0},       {0, -0.05f, 0}, {0.02f, 0.03f, 0.05f},
+                   {0, 0, -0.05f},    {0, 0, 0.05f},  {0.03f, 0.01f, 0.05f}, {-0.02f, -0.02f, 0.05f}};
+  c.modelNormals = {{1, 0, 0}, {-1, 0, 0}, {0, 1, 0}, {0, -1, 0}, {0, 0, 1},
+                    {0, 0, -1}, {0, 0, 1}, {0, 0, 0}, {0, 0, 1}};
+  return c;
+}
+
+struct Fixture {
+  TempDir dir;
+  Fixture() {
+    testing::writeModelFile(dir.file("m.json"), cubeSensors());
+    testing::writeStlBinary(dir.file("cube.stl"), testing::cubeMesh(0.1f, 2));
+    // A closed box over the top sensor of channel 6: it sees nothing.
+    testing::writeStlBinary(dir.file("cap.stl"), testing::boxMesh({-0.01f, -0.01f, 0.045f}, {0.01f, 0.01f, 0.06f}));
+  }
+  testing::RunResult run(std::vector<std::string> args) const { return runSensorlay(args, dir.path()); }
+};
+
+std::vector<std::vector<std::string>> rowsOf(const std::string& out) {
+  std::vector<std::vector<std::string>> rows;
+  std::istringstream lines(out);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    rows.emplace_back();
+    for (std::string w; words >> w;) rows.back().push_back(w);
+  }
+  return rows;
+}
+
+long visibleTotal(const std::string& out) {
+  long total = 0;
+  for (const auto& row : rowsOf(out)) total += std::stol(row.at(4));
+  return total;
+}
+
+size_t countOf(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+TEST(AnalysisRunEndToEnd, TableWithoutSurface) {
+  Fixture f;
+  const auto r = f.run({"/model", "m.json", "/angleresolutiondegrees", "10", "/distancebasemeters", "-2.5"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "did not see sensor id 9\n");
+  const auto rows = rowsOf(r.out);
+  ASSERT_EQ(rows.size(), 18u * 37u);
+  for (const auto& row : rows) {
+    ASSERT_GE(row.size(), 12u);
+    EXPECT_EQ(row[2], "2.5");  // the sign of the distance is ignored
+    EXPECT_EQ(row.size(), 12u + std::stoul(row[4]));
+  }
+  // Longitude first, then latitude, radians with six decimals.
+  EXPECT_EQ(rows[0][0] + " " + rows[0][1], "-3.141593 -1.570796");
+}
+
+TEST(AnalysisRunEndToEnd, SurfaceAndObstacleOcclude) {
+  Fixture f;
+  const auto open = f.run({"/model", "m.json", "/angleresolutiondegrees", "10"});
+  const auto r = f.run({"/model", "m.json", "/sensors", "cube.stl", "/obstacles", "cap.stl",
+                        "/angleresolutiondegrees", "10"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  // The cap also covers the sensor from above: it is not on the surface, as
+  // far as the check can tell, and is never seen.
+  EXPECT_NE(r.err.find("WARNING: Input model point 6 doesn't seem to be on the supplied sensor surface at"),
+            std::string::npos);
+  EXPECT_NE(r.err.find("did not see sensor id 6\ndid not see sensor id 9\n"), std::string::npos);
+  for (const auto& row : rowsOf(r.out))
+    for (size_t i = 12; i < row.size(); ++i) EXPECT_NE(row[i], "6");
+  EXPECT_LT(visibleTotal(r.out), visibleTotal(open.out));
+}
+
+TEST(AnalysisRunEndToEnd, OptionsChangeTheTable) {
+  Fixture f;
+  const std::vector<std::string> base = {"/model", "m.json", "/angleresolutiondegrees", "10"};
+  auto with = [&](std::vector<std::string> more) {
+    more.insert(more.begin(), base.begin(), base.end());
+    const auto r = f.run(more);
+    EXPECT_EQ(r.status, 0) << r.err;
+    return r.out;
+  };
+  const std::string plain = with({});
+  EXPECT_LT(visibleTotal(with({"/maxincidenceangle", "30"})), visibleTotal(plain));
+  EXPECT_GT(visibleTotal(with({"/maxincidenceangle", "85"})), visibleTotal(plain));
+
+  // The tilted rotor sees the same sensors, with other uncertainties.
+  const std::string tilted = with({"/srbtiltdegrees", "10"});
+  EXPECT_EQ(visibleTotal(tilted), visibleTotal(plain));
+  EXPECT_NE(tilted, plain);
+
+  const auto sensitivity = rowsOf(with({"/basestationsensitivity"}));
+  ASSERT_EQ(sensitivity.size(), 18u * 37u);
+  for (const auto& row : sensitivity) {
+    ASSERT_EQ(row.size(), 5u);
+    for (size_t i = 2; i < 5; ++i) EXPECT_LE(std::stod(row[i]), 1.0);
+  }
+}
+
+TEST(AnalysisRunEndToEnd, ModelsAndGridsBeyondTheLimitsAreRefused) {
+  Fixture f;
+  Constellation big;
+  big.valid = true;
+  for (int i = 0; i < 33; ++i) {
+    big.channelMap.push_back(i);
+    big.modelPoints.push_back({0.01f * i, 0, 0});
+    big.modelNormals.push_back({0, 0, 1});
+  }
+  testing::writeModelFile(f.dir.file("big.json"), big);
+  auto r = f.run({"/model", "big.json", "/angleresolutiondegrees", "10"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "Cannot analyse big.json: it has 33 sensors, and the tables take at most 32.\n");
+
+  r = f.run({"/model", "m.json", "/angleresolutiondegrees", "0"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "/angleresolutiondegrees must be a number of degrees above 0, not 0.\n");
+}
+
+TEST(ModelConversionEndToEnd, ScriptWithoutTable) {
+  Fixture f;
+  auto r = f.run({"/model", "m.json", "/outscad", "x.scad"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "");
+  std::string script = readFile(f.dir.file("x.scad"));
+  EXPECT_EQ(script.rfind("/* From m.json*/\n\n\ndrawsensors = true;\ndrawlabels = true;\n", 0), 0u) << script;
+  EXPECT_EQ(countOf(script, "\"lime\""), 9u);  // the negative channel too
+  EXPECT_EQ(countOf(script, "import("), 0u);
+
+  r = f.run({"/model", "m.json", "/outscad", "x.scad", "/sensors", "cube.stl", "/obstacles", "cap.stl"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  script = readFile(f.dir.file("x.scad"));
+  EXPECT_NE(script.find("import(\"cube.stl\""), std::string::npos);
+  EXPECT_NE(script.find("import(\"cap.stl\""), std::string::npos);
+
+  r = f.run({"/model", "missing.json", "/outscad", "y.scad"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_FALSE(testing::fileExists(f.dir.file("y.scad")));
+}
+
+TEST(VerifyCoverageEndToEnd, PlacementsLieOnTheSurface) {
+  Fixture f;
+  auto r = f.run({"/verifycoverage", "25", "/sensors", "cube.stl", "/outscad", "v.scad"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "");
+  std::string script = readFile(f.dir.file("v.scad"));
+  EXPECT_EQ(script.rfind("\ndrawsensors = true;\ndrawlabels = false;\n", 0), 0u);
+  EXPECT_EQ(countOf(script, "\"lime\""), 25u);
+  // Each on a face of the cube, clear of its edges by the sensor's radius.
+  std::istringstream lines(script);
+  int channel = 0;
+  for (std::string line; std::getline(lines, line);) {
+    int c;
+    float x, y, z;
+    if (std::sscanf(line.c_str(), " [ [ %d, \"lime\" ], [ %f, %f, %f]", &c, &x, &y, &z) != 4) continue;
+    EXPECT_EQ(c, channel++);
+    const float m = std::max({std::fabs(x), std::fabs(y), std::fabs(z)});
+    EXPECT_NEAR(m, 0.05f, 1e-5f);
+    int onFace = 0;
+    for (float v : {x, y, z}) {
+      if (std::fabs(std::fabs(v) - 0.05f) < 1e-5f)
+        ++onFace;
+      else
+        EXPECT_LT(std::fabs(v), 0.05f - 0.0029f);  // a sensor of 6 mm stays off the edge
+    }
+    EXPECT_EQ(onFace, 1);
+  }
+  EXPECT_EQ(channel, 25);
+
+  r = f.run({"/verifycoverage", "-3", "/sensors", "cube.stl", "/outscad", "v.scad"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  script = readFile(f.dir.file("v.scad"));
+  EXPECT_EQ(countOf(script, "\"lime\""), 0u);
+  EXPECT_NE(script.find("sensors = [\n\n];"), std::string::npos);
+
+  r = f.run({"/verifycoverage", "2000000", "/sensors", "cube.stl", "/outscad", "w.scad"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "/verifycoverage 2000000 is more than the 1000000 placements that one preview can show.\n");
+  EXPECT_FALSE(testing::fileExists(f.dir.file("w.scad")));
+}
+
+}  // namespace
+}  // namespace sensorlay
