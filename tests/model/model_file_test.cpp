@@ -1,0 +1,177 @@
+#include "model/model_file.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <string>
+
+#include "tests/support/frontend_fixtures.h"
+#include "tests/support/run_binary.h"
+
+namespace sensorlay {
+namespace {
+
+using testing::TempDir;
+using testing::writeFile;
+
+struct Read {
+  bool ok = false;
+  Constellation constellation;
+  std::string err;
+};
+
+// Reads into a record that starts out holding a marker, so that a failed read
+// can be seen to leave it alone.
+Read readModel(const std::string& path) {
+  Read r;
+  r.constellation.modelCad = "untouched";
+  ::testing::internal::CaptureStderr();
+  r.ok = readModelFile(path, r.constellation);
+  r.err = ::testing::internal::GetCapturedStderr();
+  return r;
+}
+
+TEST(TextFile, CollapsesCrLfAndYieldsEmptyOnAnyFailure) {
+  TempDir dir;
+  writeFile(dir.file("crlf"), std::string("a\r\nb\r\r\n\rc\n\r", 11));
+  EXPECT_EQ(readTextFile(dir.file("crlf")), "a\nb\r\n\rc\n\r");
+  writeFile(dir.file("nul"), std::string("\0\r\n", 3));
+  EXPECT_EQ(readTextFile(dir.file("nul")), std::string("\0\n", 2));
+  writeFile(dir.file("empty"), "");
+  EXPECT_EQ(readTextFile(dir.file("empty")), "");
+  EXPECT_EQ(readTextFile(dir.file("missing")), "");
+  EXPECT_EQ(readTextFile(dir.path()), "");
+  EXPECT_EQ(readTextFile(""), "");
+}
+
+TEST(Paths, JoinAndUpwardSearch) {
+  EXPECT_EQ(joinPath("", "b"), "b");
+  EXPECT_EQ(joinPath("a", "b"), "a/b");
+  EXPECT_EQ(joinPath("a/", "b"), "a/b");
+  EXPECT_EQ(joinPath("a\\", "b"), "a/b");
+  EXPECT_EQ(joinPath("a//", "/b"), "a///b");
+  EXPECT_EQ(joinPath("a", "b", '\\'), "a\\b");
+  EXPECT_EQ(joinPath(joinPath("cfg", "hmd"), "x"), "cfg/hmd/x");
+
+  TempDir dir;
+  const std::string deep = dir.file("One/two/three");
+  std::filesystem::create_directories(deep);
+  writeFile(dir.file("One/marker"), "x");
+  EXPECT_EQ(findAncestorNamed(deep, "one"), dir.file("One"));
+  EXPECT_EQ(findAncestorNamed(deep + "/", "THREE"), deep);
+  EXPECT_EQ(findAncestorNamed(deep, "nowhere"), "");
+  EXPECT_EQ(findAncestorNamed("", "tmp"), "");
+  EXPECT_EQ(findEntryUpwards(deep, "marker"), dir.file("One/marker"));
+  EXPECT_EQ(findEntryUpwards(deep, "three"), deep);
+  EXPECT_EQ(findEntryUpwards(deep, "no_entry_of_this_name"), "");
+  EXPECT_EQ(findEntryUpwards("", "marker"), "");
+}
+
+TEST(ModelFile, ReadsStandaloneModels) {
+  TempDir dir;
+  // The design run's comment line, and ".json" in the middle of the name.
+  testing::writeModelFile(dir.file("m.json.bak"), testing::threeSensorConstellation(),
+                          "Final Quality Score: 31.4159 / 1000 (lower is better)");
+  Read r = readModel(dir.file("m.json.bak"));
+  ASSERT_TRUE(r.ok) << r.err;
+  EXPECT_EQ(r.err, "");
+  EXPECT_TRUE(r.constellation.valid);
+  EXPECT_EQ(r.constellation.modelCad, "probe.step");
+  EXPECT_EQ(r.constellation.channelMap, (std::vector<int32_t>{0, 1, -1}));
+  const Constellation original = testing::threeSensorConstellation();
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(r.constellation.modelPoints[i], original.modelPoints[i]);
+    EXPECT_NEAR((r.constellation.modelNormals[i] - original.modelNormals[i]).norm(), 0.0f, 1e-7f);
+  }
+
+  // Normals are normalised, points are not; a missing channel entry reads as 0;
+  // unknown keys are ignored.
+  writeFile(dir.file("raw.json"),
+            "/* hand-made */ {\"channelMap\": [3, null], \"modelPoints\": [[0, 0, 2], [1, 2, 3]],\n"
+            "\"modelNormals\": [[0, 0, 2], [3, 0, 4]], \"extra\": {\"a\": 1}}");
+  r = readModel(dir.file("raw.json"));
+  ASSERT_TRUE(r.ok) << r.err;
+  EXPECT_EQ(r.constellation.channelMap, (std::vector<int32_t>{3, 0}));
+  EXPECT_EQ(r.constellation.modelPoints[0], Eigen::Vector3f(0, 0, 2));
+  EXPECT_EQ(r.constellation.modelNormals[0], Eigen::Vector3f(0, 0, 1));
+  EXPECT_NEAR(r.constellation.modelNormals[1].x(), 0.6f, 1e-7f);
+  EXPECT_EQ(r.constellation.modelCad, "");
+
+  // A missing required key is no complaint: true, not valid, CAD name kept.
+  writeFile(dir.file("partial.json"), "{\"modelCad\": \"half\", \"channelMap\": [0], \"modelPoints\": [[0,0,0]]}");
+  r = readModel(dir.file("partial.json"));
+  EXPECT_TRUE(r.ok);
+  EXPECT_EQ(r.err, "");
+  EXPECT_FALSE(r.constellation.valid);
+  EXPECT_EQ(r.constellation.modelCad, "half");
+  EXPECT_TRUE(r.constellation.channelMap.empty());
+
+  // The same for a root that is JSON null.
+  writeFile(dir.file("null.json"), "null");
+  r = readModel(dir.file("null.json"));
+  EXPECT_TRUE(r.ok);
+  EXPECT_FALSE(r.constellation.valid);
+}
+
+TEST(ModelFile, RefusesWhatItCannotReadAndLeavesTheRecordAlone) {
+  TempDir dir;
+  const std::string good = writeStyledJson(constellationToJson(testing::threeSensorConstellation()));
+  struct Case {
+    std::string name;
+    std::string content;
+    std::string errStart;
+  };
+  const std::string unparsable = "couldn't parse standalone beaconet_config ";
+  const std::vector<Case> cases = {
+      {"empty.json", "", "couldn't read "},
+      {"truncated.json", good.substr(0, good.size() - 20), unparsable},
+      {"comment_only.json", "// Final Quality Score: 3 / 1000\n", unparsable},
+      {"garbage.json", std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16), unparsable},
+      {"deep.json", std::string(100000, '[') + std::string(100000, ']'), unparsable},
+      {"array_root.json", "[{\"channelMap\": [0]}]", unparsable},
+      {"number_root.json", "42", unparsable},
+      {"text_channels.json", "{\"channelMap\": [\"a\"], \"modelPoints\": [[0,0,0]], \"modelNormals\": [[0,0,1]]}",
+       unparsable},
+      {"flat_points.json", "{\"channelMap\": [0], \"modelPoints\": [0, 0, 0], \"modelNormals\": [[0,0,1]]}",
+       unparsable},
+      {"object_channels.json", "{\"channelMap\": {\"a\": 0}, \"modelPoints\": [], \"modelNormals\": []}", unparsable},
+      {"huge_channel.json", "{\"channelMap\": [1e30], \"modelPoints\": [[0,0,0]], \"modelNormals\": [[0,0,1]]}",
+       unparsable},
+  };
+  for (const Case& c : cases) {
+    writeFile(dir.file(c.name), c.content);
+    Read r = readModel(dir.file(c.name));
+    EXPECT_FALSE(r.ok) << c.name;
+    EXPECT_EQ(r.err.rfind(c.errStart + dir.file(c.name), 0), 0u) << c.name << ": " << r.err;
+    EXPECT_EQ(r.constellation.modelCad, "untouched") << c.name;
+  }
+  Read r = readModel(dir.file("absent.json"));
+  EXPECT_EQ(r.err, "couldn't read " + dir.file("absent.json") + ": file is empty or does not exist\n");
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(loadSensorModel(dir.file("absent.json")), nullptr);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), r.err);
+}
+
+TEST(ModelFile, LoadsTheRunTimeModel) {
+  TempDir dir;
+  testing::writeModelFile(dir.file("m.json"), testing::threeSensorConstellation(), "Final Quality Score: 1");
+  ::testing::internal::CaptureStderr();
+  auto model = loadSensorModel(dir.file("m.json"));
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+  ASSERT_NE(model, nullptr);
+  // The sensor on channel -1 takes no part.
+  EXPECT_EQ(model->sensorCount(), 2u);
+  EXPECT_EQ(model->channels, (std::vector<int32_t>{0, 1}));
+
+  // Five channels, five points, four normals: a model without sensors.
+  writeFile(dir.file("uneven.json"),
+            "{\"channelMap\": [0,1,2,3,4], \"modelPoints\": [[0,0,0],[0,0,0],[0,0,0],[0,0,0],[0,0,0]],"
+            " \"modelNormals\": [[0,0,1],[0,0,1],[0,0,1],[0,0,1]]}");
+  model = loadSensorModel(dir.file("uneven.json"));
+  ASSERT_NE(model, nullptr);
+  EXPECT_EQ(model->sensorCount(), 0u);
+}
+
+}  // namespace
+}  // namespace sensorlay
