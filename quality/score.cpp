@@ -76,10 +76,17 @@ double CoverageEvaluator::scorePlacement() {
 
     // No singularity test: a singular A gives infinite or not-a-number
     // variances, which the test on x below settles.
+    // The steps of Eigen's inverse of a dynamic matrix, done in the scratch
+    // buffers: LU with partial pivoting, then P I solved against L and U.
+    // (Its Inverse expression would copy the decomposition each time.)
     scratch.lu.compute(scratch.information);
-    scratch.covariance = scratch.lu.inverse();
+    Eigen::MatrixXd& C = scratch.covariance;
+    C.setZero();
+    const auto& permutation = scratch.lu.permutationP().indices();
+    for (int i = 0; i < 6; ++i) C(permutation(i), i) = 1.0;
+    scratch.lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(C);
+    scratch.lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(C);
 
-    const Eigen::MatrixXd& C = scratch.covariance;
     // Position and rotation uncertainty added as plain numbers: 1 mm weighs
     // as much as 1 mrad.
     const double x = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2)) + std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
