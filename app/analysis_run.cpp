@@ -1,4 +1,5 @@
 #include <cmath>
+#include <cstdio>
 #include <cstdint>
 #include <fstream>
 #include <iostream>
@@ -74,6 +75,11 @@ int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface
     evaluator.printSensitivityTable();
   else
     evaluator.printCoverageTable();
+  // A table cut short by a full disk must not pass for a whole one.
+  if (std::ferror(stdout)) {
+    std::cerr << "The table could not be written in full to the standard output stream." << std::endl;
+    return 1;
+  }
   return 0;
 }
 
@@ -90,9 +96,16 @@ int convertModelToScad(const DesignOptions& options, TrackedSurface* surface) {
   else
     script = writeScad(constellation, std::string(), std::vector<std::string>(), 1.0, options.withScadNormals, true);
 
+  // A path that cannot be opened loses the script without a word, as every
+  // output of the program does; a script cut short after opening is reported.
   std::ofstream file(options.outScadPath, std::ios::out | std::ios::trunc | std::ios::binary);
+  if (!file.is_open()) return 0;
   file << "/* From " << options.modelPath << "*/\n\n" << script;
   file.close();
+  if (file.fail()) {
+    std::cerr << "Could not write the whole script to " << options.outScadPath << "." << std::endl;
+    return 1;
+  }
   return 0;
 }
 

@@ -2,9 +2,11 @@
 // to end: the real binary on generated models and meshes.
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -145,6 +147,24 @@ TEST(AnalysisRunEndToEnd, ModelsAndGridsBeyondTheLimitsAreRefused) {
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(r.err, "/angleresolutiondegrees must be a number of degrees above 0, not 0.\n");
+}
+
+TEST(AnalysisRunEndToEnd, OutputCutShortIsAFailure) {
+  Fixture f;
+  // A full disk under the table.
+  const std::string command = "cd " + f.dir.path() + " && " + SENSORLAY_BINARY +
+                              " /model m.json /angleresolutiondegrees 10 >/dev/full 2>err.txt";
+  const int status = std::system(command.c_str());
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  EXPECT_NE(readFile(f.dir.file("err.txt")).find("The table could not be written in full"), std::string::npos);
+  // And under the scripts.
+  auto r = f.run({"/model", "m.json", "/outscad", "/dev/full"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "Could not write the whole script to /dev/full.\n");
+  r = f.run({"/verifycoverage", "5", "/sensors", "cube.stl", "/outscad", "/dev/full"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "Could not write the whole script to /dev/full.\n");
 }
 
 TEST(ModelConversionEndToEnd, ScriptWithoutTable) {
