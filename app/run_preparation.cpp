@@ -43,7 +43,8 @@ std::unique_ptr<TrackedSurface> prepareRun(const DesignOptions& options, const S
       }
     }
     if (model->sensorCount() == 0) {
-      std::cerr << "WARNING: model does not define any points. Confirm channelMap, modelNormals, modelPoints exist in json"
+      std::cerr << "WARNING: model does not define any points. "
+                   "Confirm channelMap, modelNormals, modelPoints exist in json"
                 << std::endl;
       std::exit(1);
     }

@@ -28,7 +28,8 @@ int32_t TrackedSurface::randomFace() {
   auto it = std::upper_bound(cumulativeAreas.begin(), cumulativeAreas.end(), x);
   // A draw can round up to the total itself; it then belongs to the last
   // triangle of non-zero area.
-  if (it == cumulativeAreas.end()) it = std::lower_bound(cumulativeAreas.begin(), cumulativeAreas.end(), cumulativeAreas.back());
+  if (it == cumulativeAreas.end())
+    it = std::lower_bound(cumulativeAreas.begin(), cumulativeAreas.end(), cumulativeAreas.back());
   return static_cast<int32_t>(it - cumulativeAreas.begin());
 }
 

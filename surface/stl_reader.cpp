@@ -153,7 +153,8 @@ class AsciiParser {
     for (int i = 0; i < 3; ++i) {
       std::string_view token;
       if (!next(token)) {
-        problem = "the ASCII STL ends at line " + std::to_string(line_) + " inside a facet, where a number should follow";
+        problem =
+            "the ASCII STL ends at line " + std::to_string(line_) + " inside a facet, where a number should follow";
         return false;
       }
       char buffer[128];

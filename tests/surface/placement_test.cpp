@@ -2,12 +2,10 @@
 
 #include <unistd.h>
 
-#include <csignal>
 #include <cmath>
+#include <csignal>
 
-#include "surface/tracked_surface.h"
-#include "tests/support/meshes.h"
-#include "tests/support/run_binary.h"
+#include "tests/support/surface_fixtures.h"
 
 namespace sensorlay {
 namespace {
@@ -15,37 +13,23 @@ namespace {
 using namespace sensorlay::testing;
 using V3 = Eigen::Vector3f;
 
-std::unique_ptr<TrackedSurface> build(const TempDir& dir, const Mesh& mesh, uint32_t seed) {
-  writeStlBinary(dir.file("s.stl"), mesh);
-  auto s = std::make_unique<TrackedSurface>(dir.file("s.stl"), std::vector<std::string>{});
-  EXPECT_GT(s->faceCount(), 0u);
-  s->seedGenerator(seed);
-  return s;
-}
-
 TEST(RandomFace, PicksTrianglesInProportionToTheirArea) {
   TempDir dir;
   Mesh m = twoTrianglesMesh();
-  // A degenerate triangle between them must never be picked.
-  m.insert(m.begin() + 1, Triangle{{0, 0, 0}, {1, 1, 0}, {2, 2, 0}, {0, 0, 1}});
-  auto s = build(dir, m, 12345);
+  m.insert(m.begin() + 1, Triangle{{0, 0, 0}, {1, 1, 0}, {2, 2, 0}, {0, 0, 1}});  // zero area: never picked
+  auto s = buildSurface(dir, m, {}, 12345);
   const int n = 200000;
   int counts[3] = {0, 0, 0};
-  for (int i = 0; i < n; ++i) {
-    const int32_t f = s->randomFace();
-    ASSERT_TRUE(f >= 0 && f < 3);
-    ++counts[f];
-  }
+  for (int i = 0; i < n; ++i) ++counts[s->randomFace()];
   EXPECT_EQ(counts[1], 0);
-  // Standard deviation of the share is about 0.001; 0.006 is six of them.
+  // The share's standard deviation is about 0.001; 0.006 is six of them.
   EXPECT_NEAR(counts[2] / double(n), 0.75, 0.006);
 }
 
-TEST(RandomPlacement, DrawsFourOutputsATrialAndStaysOnTheTriangle) {
+TEST(RandomPlacement, DrawsFourOutputsATrialUniformlyOnTheTriangle) {
   TempDir dir;
-  // One triangle of a plate in metres: a sheet, under which every chord is free.
-  const Mesh m = {makeTriangle({0, 0, 0}, {0.2f, 0, 0}, {0, 0.1f, 0})};
-  auto s = build(dir, m, 99);
+  // A single sheet: no face lies under the chords, so every trial fits.
+  auto s = buildSurface(dir, {makeTriangle({0, 0, 0}, {0.2f, 0, 0}, {0, 0.1f, 0})}, {}, 99);
   Eigen::Vector3d sum = Eigen::Vector3d::Zero();
   const int n = 20000;
   for (int i = 0; i < n; ++i) {
@@ -54,23 +38,20 @@ TEST(RandomPlacement, DrawsFourOutputsATrialAndStaysOnTheTriangle) {
     V3 point, normal;
     ASSERT_TRUE(s->randomPlacement(point, normal));
     ASSERT_TRUE(s->generator == expected);
-    ASSERT_EQ(normal, V3(0, 0, 1));  // bit for bit: no tilt, no draw
-    ASSERT_TRUE(point.x() >= 0 && point.y() >= 0 && point.x() / 0.2f + point.y() / 0.1f <= 1.0f + 1e-6f)
-        << point.transpose();
+    ASSERT_EQ(normal, V3(0, 0, 1));  // no tilt allowed: the face normal itself
+    ASSERT_TRUE(point.x() >= 0 && point.y() >= 0 && point.x() / 0.2f + point.y() / 0.1f <= 1.000001f);
     sum += point.cast<double>();
   }
-  // Uniform on the triangle: the mean is the centroid.
-  EXPECT_NEAR(sum.x() / n, 0.2 / 3, 0.002);
+  EXPECT_NEAR(sum.x() / n, 0.2 / 3, 0.002);  // the centroid
   EXPECT_NEAR(sum.y() / n, 0.1 / 3, 0.001);
 }
 
 TEST(RandomNormalOnFace, TiltsUniformlyOverTheCap) {
   TempDir dir;
-  auto s = build(dir, cubeMesh(0.1f), 5);
+  auto s = buildSurface(dir, cubeMesh(0.1f), {}, 5);
   s->setMaxSurfaceAngle(30.0);
   const float c = s->cosMaxSurfaceAngle;
-  EXPECT_EQ(c, static_cast<float>(std::cos(30.0 * 0.017453292519943295)));
-  for (int32_t face : {0, 3, 7, 11}) {
+  for (int32_t face : {0, 3, 7, 11}) {  // faces with either helper axis
     const V3 n = s->faceNormals.row(face).transpose();
     double sumZ = 0;
     Eigen::Vector3d sumTangent = Eigen::Vector3d::Zero();
@@ -86,38 +67,33 @@ TEST(RandomNormalOnFace, TiltsUniformlyOverTheCap) {
       sumZ += z;
       sumTangent += (r - n * z).cast<double>();
     }
-    EXPECT_NEAR(sumZ / count, (1.0 + c) / 2, 0.002);
+    EXPECT_NEAR(sumZ / count, (1.0 + c) / 2, 0.002);  // z is uniform on [c, 1]
     EXPECT_LT(sumTangent.norm() / count, 0.01);
   }
 }
 
 TEST(RandomPlacementFacing, KeepsCloseToTheGivenNormal) {
   TempDir dir;
-  auto s = build(dir, cubeMesh(0.1f, 2), 2024);
+  auto s = buildSurface(dir, cubeMesh(0.1f, 2), {}, 2024);
   const V3 up(0, 0, 1);
   int aboveThreshold = 0, bestIsTop = 0;
   for (int i = 0; i < 200; ++i) {
-    // Beyond the threshold only the top face lies; failing that the best of
-    // 20 counted draws wins, and a side face can fill the count, as it ties
-    // with the best. The bottom would need 20 bottom draws in a row.
+    // Beyond 0.5 lies only the top face; failing that the best of 20 counted
+    // draws wins, and side faces can fill the count as they tie with the
+    // best. The bottom would need 20 bottom draws in a row.
     V3 point, normal = up;
     ASSERT_TRUE(s->randomPlacementFacing(point, normal, 0.5f));
     ASSERT_GE(normal.dot(up), 0.0f);
-    if (normal == up) {
-      ASSERT_FLOAT_EQ(point.z(), 0.05f);
-      ++aboveThreshold;
-    }
-    // A threshold that can't be exceeded always ends with the best of 20.
-    normal = up;
+    aboveThreshold += normal == up && point.z() == 0.05f;
+    normal = up;  // a threshold that can't be exceeded
     ASSERT_TRUE(s->randomPlacementFacing(point, normal, 2.0f));
     ASSERT_GE(normal.dot(up), 0.0f);
     bestIsTop += normal == up;
-    // Below -1 the first fitting draw wins, with the same draws as a plain
-    // placement.
-    std::mt19937 before = s->generator;
+    // Below -1 the first fitting draw wins, with the draws of a plain placement.
+    const std::mt19937 before = s->generator;
     V3 facingPoint, facingNormal = -up, plainPoint, plainNormal;
     ASSERT_TRUE(s->randomPlacementFacing(facingPoint, facingNormal, -1.5f));
-    std::mt19937 after = s->generator;
+    const std::mt19937 after = s->generator;
     s->generator = before;
     ASSERT_TRUE(s->randomPlacement(plainPoint, plainNormal));
     ASSERT_TRUE(s->generator == after);
@@ -132,18 +108,15 @@ TEST(RandomPlacementDeathTest, ASurfaceWithoutRoomWarnsAndKeepsSearching) {
   // The child runs the test anew, away from the ray library's threads.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   TempDir dir;
-  auto s = build(dir, sphereMesh(0.004f, 16, 32), 1);
-  s->setSensorSize(0.006);
-  // The search never ends; the child is stopped by its alarm after the warning.
+  auto s = buildSurface(dir, sphereMesh(0.004f, 16, 32));
   auto searchForever = [&] {
-    alarm(3);
+    alarm(3);  // the search never ends; the alarm stops the child after the warning
     V3 point;
     V3 normal;
     s->randomPlacement(point, normal);
   };
-  EXPECT_EXIT(searchForever(),
-      ::testing::KilledBySignal(SIGALRM),
-      "WARNING: no room found for a sensor of size 0.006 on \".*s.stl\" in 100000 attempts; still searching");
+  EXPECT_EXIT(searchForever(), ::testing::KilledBySignal(SIGALRM),
+              "WARNING: no room found for a sensor of size 0.006 on \".*s.stl\" in 100000 attempts; still searching");
 }
 
 }  // namespace

