@@ -3,10 +3,13 @@
 #include <unistd.h>
 
 #include <cmath>
-#include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <iostream>
 #include <locale>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "app/modes.h"
 #include "model/json_io.h"
@@ -25,15 +28,15 @@ void lowerThreadPriority() {
   (void)setpriority(PRIO_PROCESS, thread, 19);
 }
 
-// Writes the whole text in one go. An unwritable path loses the output
-// without a word, as for every output file of the program; a write that
-// fails half-way removes what it left, so no truncated file stands as good.
-void writeWholeFile(const std::string& path, const std::string& text) {
+// Writes the whole text in one go. A path that cannot be opened loses the
+// output without a word, as every output file of the program does; false
+// when the file was opened but could not be written in full.
+bool writeWholeFile(const std::string& path, const std::string& text) {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  if (!file) return;
+  if (!file.is_open()) return true;
   file.write(text.data(), static_cast<std::streamsize>(text.size()));
   file.close();
-  if (file.fail()) std::remove(path.c_str());
+  return !file.fail();
 }
 
 std::ostringstream makeTextStream() {
@@ -69,6 +72,7 @@ std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurf
   const double score = annealerOptions.finalQualityScore;
 
   const std::string json = writeStyledJson(constellationToJson(result));
+  std::vector<std::string> cutShort;
 
   if (!options.outScadPath.empty()) {
     std::ostringstream script = makeTextStream();
@@ -77,14 +81,24 @@ std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurf
            << json << "*/\n\n"
            << writeScad(result, surface.getSensorsPath(), surface.getObstaclePaths(), surface.getScale(),
                         options.withScadNormals, true);
-    writeWholeFile(options.outScadPath, script.str());
+    if (!writeWholeFile(options.outScadPath, script.str()))
+      cutShort.push_back("Could not write the whole script to " + options.outScadPath + ".");
   }
 
   if (!options.outModelPath.empty()) {
     std::ostringstream modelText = makeTextStream();
     modelText << "// Final Quality Score: " << score << " / " << annealFullScale << " (lower is better)\n"
               << json << "\n";
-    writeWholeFile(options.outModelPath, modelText.str());
+    if (!writeWholeFile(options.outModelPath, modelText.str()))
+      cutShort.push_back("Could not write the whole model file to " + options.outModelPath + ".");
+  }
+
+  // A design file cut short (a full disk) must not pass for a whole one; the
+  // run ends here rather than report on a design that was not kept.
+  if (!cutShort.empty()) {
+    std::cerr << "\n";  // the progress dots end without a line end
+    for (const std::string& message : cutShort) std::cerr << message << std::endl;
+    std::exit(1);
   }
 
   return std::make_unique<SensorModel>(result, ModelTransform());

@@ -168,5 +168,26 @@ TEST(DesignRun, EachOutputAloneAndTheScriptOpensInOpenScad) {
   EXPECT_NE(testing::readFile(dir.file("out.csg")).find("import("), std::string::npos);
 }
 
+// An unwritable path loses its output without a word; a file cut short by a
+// full disk ends the run with a message and status 1, before the analysis.
+TEST(DesignRun, OutputThatCannotBeWritten) {
+  testing::TempDir dir;
+  testing::writeStlBinary(dir.file("box.stl"), designBox());
+  RunResult run = testing::runSensorlay(withQuickSearch({"/generate", "/nsensors", "4", "/sensors", "box.stl",
+                                                         "/outmodel", "no/such/folder/m.json", "/outscad", "d.scad"}),
+                                        dir.path());
+  EXPECT_EQ(run.status, 0) << run.err;
+  expectCoverageTable(run);
+  EXPECT_TRUE(testing::fileExists(dir.file("d.scad")));
+
+  if (!testing::fileExists("/dev/full")) GTEST_SKIP() << "no /dev/full";
+  run = testing::runSensorlay(withQuickSearch({"/generate", "/nsensors", "4", "/sensors", "box.stl", "/outmodel",
+                                               "/dev/full", "/outscad", "d.scad"}),
+                              dir.path());
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("\nCould not write the whole model file to /dev/full.\n"), std::string::npos) << run.err;
+  EXPECT_EQ(run.out, "");
+}
+
 }  // namespace
 }  // namespace sensorlay
