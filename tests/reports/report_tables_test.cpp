@@ -7,7 +7,6 @@
 #include <memory>
 #include <sstream>
 
-#include "app/modes.h"
 #include "surface/coverage_evaluator.h"
 #include "tests/support/frontend_fixtures.h"
 
@@ -105,8 +104,6 @@ TEST(ReportGrid, RowCountsFollowTheRunningSums) {
   for (const OrientationSample& s : evaluator.samples) {
     const Eigen::Quaterniond q(s.quaternion[0], s.quaternion[1], s.quaternion[2], s.quaternion[3]);
     const Eigen::Vector3d d(s.direction[0], s.direction[1], s.direction[2]);
-    EXPECT_NEAR(d.x(), std::sin(s.longitude) * std::cos(s.latitude), 1e-15);
-    EXPECT_NEAR(d.y(), std::sin(s.latitude), 1e-15);
     EXPECT_GE(q.w(), 0.0);
     EXPECT_NEAR(q.norm(), 1.0, 1e-12);
     EXPECT_LT((q * d - Eigen::Vector3d::UnitZ()).norm(), 1e-7) << s.longitude << " " << s.latitude;
@@ -147,14 +144,11 @@ TEST(CoverageTable, GradesFollowTheVisibleSensors) {
 
   // The whole line of a good view: sigmas small, channels listed.
   ASSERT_EQ(four.size(), 16u);
-  EXPECT_EQ(four[2], "2.0");
-  EXPECT_EQ(four[3], "0.0");
-  EXPECT_EQ(four[4], "4");
-  EXPECT_EQ(four[5] + four[6] + four[7], "000");
-  EXPECT_GT(std::stod(four[10]), 0.0);
-  EXPECT_LT(std::stod(four[10]), 0.1);
-  EXPECT_GT(std::stod(four[11]), 0.0);
-  EXPECT_LT(std::stod(four[11]), 0.1);
+  EXPECT_EQ(four[2] + " " + four[3] + " " + four[4] + " " + four[5] + four[6] + four[7], "2.0 0.0 4 000");
+  for (int column : {10, 11}) {
+    EXPECT_GT(std::stod(four[column]), 0.0);
+    EXPECT_LT(std::stod(four[column]), 0.1);
+  }
   EXPECT_EQ(four[12] + four[13] + four[14] + four[15], "0123");
 }
 
@@ -269,49 +263,6 @@ TEST(ReportLimits, ModelsBeyondTheMatrixAreRefused) {
   const TableOutput table = printTable(evaluator);
   EXPECT_EQ(table.out, "");
   EXPECT_NE(table.err.find("at most 32"), std::string::npos);
-
-  // The analysis run refuses before anything is set up or printed, and names
-  // the file.
-  DesignOptions options;
-  options.modelPath = "many.json";
-  ::testing::internal::CaptureStdout();
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(runAnalysis(options, *tooMany, nullptr, evaluator), 1);
-  options.modelPath = "four.json";
-  auto four = makeModel(kTetrahedron, Points(4, kUp));
-  for (double degrees : {0.0, -5.0, 0.01}) {
-    options.angleResolutionDegrees = degrees;
-    EXPECT_EQ(runAnalysis(options, *four, nullptr, evaluator), 1);
-  }
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-  const std::string err = ::testing::internal::GetCapturedStderr();
-  EXPECT_NE(err.find("Cannot analyse many.json: it has 33 sensors, and the tables take at most 32."),
-            std::string::npos);
-  EXPECT_NE(err.find("/angleresolutiondegrees must be a number of degrees above 0, not 0."), std::string::npos);
-  EXPECT_NE(err.find("/angleresolutiondegrees 0.01 would make a table of about"), std::string::npos);
-}
-
-TEST(AnalysisRun, SetsUpTheEvaluatorFromTheOptions) {
-  auto model = makeModel(kTetrahedron, Points(4, kUp));
-  DesignOptions options;
-  options.angleResolutionDegrees = 30.0;
-  options.distanceBaseMeters = -3.0;
-  options.maxIncidenceAngle = 70.0;
-  options.srbTiltRadians = 0.2;
-  CoverageEvaluator evaluator;
-  ::testing::internal::CaptureStdout();
-  EXPECT_EQ(runAnalysis(options, *model, nullptr, evaluator), 0);
-  const std::string out = ::testing::internal::GetCapturedStdout();
-  EXPECT_DOUBLE_EQ(model->cosMaxIncidence, std::cos(70.0 * M_PI / 180.0));
-  EXPECT_EQ(evaluator.stationConfig.stationKind, 7);
-  EXPECT_EQ(evaluator.stationConfig.tiltRadians, 0.2);
-  ASSERT_TRUE(evaluator.observations);
-  EXPECT_EQ(evaluator.observations->sensorSweeps.at(0).sweepKind, 2);
-  EXPECT_EQ(evaluator.samples.size(), 72u);
-  std::istringstream lines(out);
-  size_t count = 0;
-  for (std::string line; std::getline(lines, line); ++count) EXPECT_EQ(columns(line).at(2), "3.0");
-  EXPECT_EQ(count, 72u);
 }
 
 }  // namespace
