@@ -135,6 +135,13 @@ TEST(TrackingSections, CameraPrecedenceAndNames) {
 
   c = parseOk(minimalHmdJson(R"("tracked_camera": { "name": "nose" }, "second_tracked_camera": {})"));
   EXPECT_EQ(c.cameras[0].name, "nose");
+  // Without a first camera the second is the only one, and a pair mounting
+  // has nothing to be relative to.
+  c = parseOk(minimalHmdJson(R"("second_tracked_camera": {}, "tracked_cameras": [ {} ],
+      "dual_extrinsics": { "rotation": [0, 0, 1, 0], "translation": [1, 0, 0] })"));
+  ASSERT_EQ(c.cameras.size(), 1u);
+  EXPECT_EQ(c.cameras[0].name, "right");
+  EXPECT_EQ(c.cameras[0].extrinsics, defaultCameraMounting());
 
   c = parseOk(minimalHmdJson(R"("tracked_cameras": [ { "name": "a" }, {}, {} ])"));
   EXPECT_EQ(c.cameras[2].name, "Camera2");
