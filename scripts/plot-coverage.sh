@@ -42,8 +42,8 @@ rows=$(wc -l <"$table")
 style="with image"
 if [ "$rows" -lt 4 ]; then style="with points pointtype 5 pointsize 3 palette"; fi
 
-plot_map() {  # column, file, title, colour-box label, log scale (yes/no)
-  local column=$1 file=$2 title=$3 label=$4 logscale=$5
+plot_map() {  # value (column or expression), file, title, colour-box label, extra settings
+  local column=$1 file=$2 title=$3 label=$4 settings=$5
   gnuplot <<EOF || fail "gnuplot could not draw $outdir/$file"
 set terminal $terminal size $width,$height
 set output "$outdir/$file"
@@ -57,13 +57,21 @@ set xtics 30
 set ytics 30
 set grid front
 set palette rgbformulae 33,13,10
-$( [ "$logscale" = yes ] && echo "set logscale cb" )
+$settings
 plot "$table" using (\$1*180/pi):(\$2*180/pi):$column $style notitle
 EOF
 }
 
-plot_map 5 visible-sensors.png "Sensors visible from each direction" "visible sensors" no
-plot_map 9 grade.png "Grade of the view (100: pose well determined, 0: not at all)" "grade" no
-plot_map 11 rotation-sigma.png "Rotation uncertainty (1.0: no fix)" "rotation sigma (radians)" yes
-plot_map 12 position-sigma.png "Position uncertainty (1.0: no fix)" "position sigma (metres)" yes
+# The grade takes four values only; each gets its own colour and label.
+grade_classes='set cbrange [-0.5:3.5]
+set cbtics ("0" 0, "96" 1, "99" 2, "100" 3)
+set palette maxcolors 4
+set palette defined (0 "#b2182b", 1 "#f4a582", 2 "#92c5de", 3 "#1a9850")'
+
+plot_map 5 visible-sensors.png "Sensors visible from each direction" "visible sensors" ""
+plot_map '($9 == 100 ? 3 : $9 == 99 ? 2 : $9 == 96 ? 1 : 0)' grade.png \
+  "Grade: 100 five or more sensors in 3-D, 99 four, 96 flat or narrow, 0 too few or no fix" \
+  "grade" "$grade_classes"
+plot_map 11 rotation-sigma.png "Rotation uncertainty (1.0: no fix)" "rotation sigma (radians)" "set logscale cb"
+plot_map 12 position-sigma.png "Position uncertainty (1.0: no fix)" "position sigma (metres)" "set logscale cb"
 echo "$outdir/visible-sensors.png $outdir/grade.png $outdir/rotation-sigma.png $outdir/position-sigma.png"

@@ -42,8 +42,8 @@ rows=$(wc -l <"$table")
 style="with image"
 if [ "$rows" -lt 4 ]; then style="with points pointtype 5 pointsize 3 palette"; fi
 
-plot_map() {  # column, file, title, colour-box label, log scale (yes/no)
-  local column=$1 file=$2 title=$3 label=$4 logscale=$5
+plot_map() {  # column, file, title, colour-box label, extra settings
+  local column=$1 file=$2 title=$3 label=$4 settings=$5
   gnuplot <<EOF || fail "gnuplot could not draw $outdir/$file"
 set terminal $terminal size $width,$height
 set output "$outdir/$file"
@@ -57,12 +57,12 @@ set xtics 30
 set ytics 30
 set grid front
 set palette rgbformulae 33,13,10
-$( [ "$logscale" = yes ] && echo "set logscale cb" )
+$settings
 plot "$table" using (\$1*180/pi):(\$2*180/pi):$column $style notitle
 EOF
 }
 
-plot_map 3 sigma-x.png "Position uncertainty along x, device facing the station (1.0: no fix)" "sigma x (metres)" yes
-plot_map 4 sigma-y.png "Position uncertainty along y, device facing the station (1.0: no fix)" "sigma y (metres)" yes
-plot_map 5 sigma-z.png "Position uncertainty along z, device facing the station (1.0: no fix)" "sigma z (metres)" yes
+plot_map 3 sigma-x.png "Position uncertainty along x, device facing the station (1.0: no fix)" "sigma x (metres)" "set logscale cb"
+plot_map 4 sigma-y.png "Position uncertainty along y, device facing the station (1.0: no fix)" "sigma y (metres)" "set logscale cb"
+plot_map 5 sigma-z.png "Position uncertainty along z, device facing the station (1.0: no fix)" "sigma z (metres)" "set logscale cb"
 echo "$outdir/sigma-x.png $outdir/sigma-y.png $outdir/sigma-z.png"
