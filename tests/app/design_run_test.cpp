@@ -2,6 +2,9 @@
 // file with their score headers, and the analysis that follows.
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdlib>
@@ -9,6 +12,7 @@
 #include <sstream>
 #include <string>
 
+#include "app/modes.h"
 #include "model/json_io.h"
 #include "model/model_file.h"
 #include "model/scad_writer.h"
@@ -48,10 +52,11 @@ std::string firstLine(const std::string& text) { return text.substr(0, text.find
 // The score as both files print it, recomputed from the written model with
 // the search's settings: 30 orientations and the incidence bound less its
 // margin.
-std::string recomputedScore(const std::string& modelPath, const std::string& surfacePath, int nOrientations) {
+std::string recomputedScore(const std::string& modelPath, const std::string& surfacePath, int nOrientations,
+                            const std::vector<std::string>& obstaclePaths = {}) {
   auto model = loadSensorModel(modelPath);
   if (!model) return "unreadable model";
-  TrackedSurface surface(surfacePath, {});
+  TrackedSurface surface(surfacePath, obstaclePaths);
   const double bound = 60.0 - 0.5 * (2.0 * std::asin(1.9 / std::sqrt(static_cast<double>(nOrientations))));
   model->cosMaxIncidence = std::cos(bound * 0.017453292519943295);
   CoverageEvaluator evaluator;
@@ -143,7 +148,7 @@ TEST(DesignRun, EachOutputAloneAndTheScriptOpensInOpenScad) {
   EXPECT_TRUE(testing::fileExists(dir.file("only.json")));
   EXPECT_FALSE(testing::fileExists(dir.file("only.scad")));
   const std::string header = firstLine(testing::readFile(dir.file("only.json")));
-  EXPECT_EQ(header, "// Final Quality Score: " + recomputedScore(dir.file("only.json"), dir.file("shell.stl"), 30) +
+  EXPECT_EQ(header, "// Final Quality Score: " + recomputedScore(dir.file("only.json"), dir.file("shell.stl"), 30, {dir.file("cap.stl")}) +
                         " / 1000 (lower is better)");
 
   // Script only, with normals drawn.
@@ -166,6 +171,34 @@ TEST(DesignRun, EachOutputAloneAndTheScriptOpensInOpenScad) {
   const std::string command = "cd '" + dir.path() + "' && openscad -o out.csg only.scad > openscad.log 2>&1";
   EXPECT_EQ(std::system(command.c_str()), 0) << testing::readFile(dir.file("openscad.log"));
   EXPECT_NE(testing::readFile(dir.file("out.csg")).find("import("), std::string::npos);
+}
+
+// In a child process, as the run lowers its thread's priority for good: the
+// thread ends at the lowest priority, and the model handed to the analysis
+// holds the designed sensors, numbered from 0, as the run wrote them.
+int designInProcess(const std::string& folder) {
+  testing::writeStlBinary(folder + "/box.stl", designBox());
+  TrackedSurface surface(folder + "/box.stl", {});
+  DesignOptions options;
+  options.generate = true;
+  options.nSensors = 5;
+  options.nOrientations = 20;
+  options.coolingRate = 0.5;
+  options.nIterations = 1;
+  options.outModelPath = folder + "/m.json";
+  const std::unique_ptr<SensorModel> designed = runDesign(options, surface, nullptr);
+  Constellation written;
+  if (!designed || !readModelFile(folder + "/m.json", written)) return 1;
+  if (designed->channels != std::vector<int32_t>{0, 1, 2, 3, 4}) return 2;
+  for (size_t i = 0; i < 5; ++i)
+    if (designed->points[i] != written.modelPoints[i].cast<double>()) return 3;
+  return getpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)));
+}
+
+TEST(DesignRun, LowersItsPriorityAndHandsOnTheDesign) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  testing::TempDir dir;
+  EXPECT_EXIT(std::exit(designInProcess(dir.path())), ::testing::ExitedWithCode(19), "anneal duration: ");
 }
 
 // An unwritable path loses its output without a word; a file cut short by a
