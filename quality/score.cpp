@@ -74,11 +74,11 @@ double CoverageEvaluator::scorePlacement() {
     scratch.weightedTranspose.noalias() = J.transpose() * W;
     scratch.information.noalias() = scratch.weightedTranspose * J;
 
-    // No singularity test: a singular A gives infinite or not-a-number
-    // variances, which the test on x below settles.
-    // The steps of Eigen's inverse of a dynamic matrix, done in the scratch
-    // buffers: LU with partial pivoting, then P I solved against L and U.
-    // (Its Inverse expression would copy the decomposition each time.)
+    // The steps of Eigen's inverse of a dynamic matrix, done in the kept
+    // buffers (its Inverse expression would copy the decomposition each
+    // time): LU with partial pivoting, then P I solved against L and U. No
+    // singularity test: a singular A gives infinite or not-a-number variances,
+    // which the test on x below settles.
     scratch.lu.compute(scratch.information);
     Eigen::MatrixXd& C = scratch.covariance;
     C.setZero();

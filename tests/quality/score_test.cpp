@@ -57,10 +57,17 @@ TEST(Score, NothingVisibleAndTheWeights) {
   quietSamples(evaluator, 0);
   EXPECT_TRUE(std::isnan(evaluator.scorePlacement()));  // 0 times an infinite scale
 
+  // Planes tilted so steeply that they reach no sensor: the Jacobian fails,
+  // J stays 0, and every sample ends as not-a-number, at 2.0.
+  model->cosMaxIncidence = 0.5;
+  evaluator.stationConfig = {7, 1.5707963};
+  evaluator.rebuildObservations();
+  quietSamples(evaluator, 100);
+  EXPECT_EQ(evaluator.scorePlacement(), 1000.0);
+
   // A black quality map weighs every sample 0.
   testing::TempDir dir;
   testing::writeFile(dir.file("black.pgm"), "P5\n4 2\n255\n" + std::string(8, '\0'));
-  model->cosMaxIncidence = 0.5;
   evaluator.loadQualityMap(dir.file("black.pgm"));
   quietSamples(evaluator, 200);
   EXPECT_EQ(evaluator.scorePlacement(), 0.0);
