@@ -68,20 +68,5 @@ TEST(OptionScan, QualityRangeReadsBothValuesAndSortsThem) {
   EXPECT_EQ(s.err, "Unrecognized command line switch [ /qualityrange ].\n");
 }
 
-TEST(OptionScan, BadTokensStopTheScan) {
-  Scan s = scan({"stray", "/nsensors", "4"});
-  EXPECT_TRUE(s.parseFailed);
-  EXPECT_EQ(s.options.nSensors, -1);
-  EXPECT_EQ(s.err, "Unrecognized command line argument [ stray ].\n");
-
-  s = scan({"/version", "/bogus", "/generate"});
-  EXPECT_TRUE(s.versionRequested && s.parseFailed);
-  EXPECT_FALSE(s.options.generate);
-
-  s = scan({"/bogus", "/version"});
-  EXPECT_FALSE(s.versionRequested);
-  EXPECT_EQ(s.err, "Unrecognized command line switch [ /bogus ].\n");
-}
-
 }  // namespace
 }  // namespace sensorlay
