@@ -6,8 +6,6 @@
 #include <cmath>
 #include <random>
 
-
-
 namespace sensorlay {
 namespace {
 
