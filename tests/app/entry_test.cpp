@@ -162,7 +162,7 @@ TEST(Entry, ModelFilesEndToEnd) {
 
   // Bare names: tessdriver beside an ancestor of the working directory wins;
   // inside a tree named tessmain the root is its drivers/tessdriver.
-  for (const std::string& tree : {"project/tessdriver", "TessMain/drivers/tessdriver"}) {
+  for (const std::string tree : {"project/tessdriver", "TessMain/drivers/tessdriver"}) {
     const std::string work = dir.file(tree.substr(0, tree.find('/')) + "/src/tools");
     std::filesystem::create_directories(work);
     std::filesystem::create_directories(dir.file(tree + "/cfg/hmd"));
