@@ -1,24 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
-
 #include "surface/coverage_evaluator.h"
+#include "tests/support/allocation_counter.h"
 #include "tests/support/surface_fixtures.h"
-
-// Every allocation of the process goes through malloc; counting its calls
-// shows whether the ray queries allocate. Sanitizers bring their own malloc.
-#if !defined(__SANITIZE_ADDRESS__)
-#define SENSORLAY_COUNT_MALLOC 1
-namespace {
-std::atomic<bool> countingAllocations{false};
-std::atomic<long> allocations{0};
-}  // namespace
-extern "C" void* __libc_malloc(size_t size);
-extern "C" void* malloc(size_t size) {
-  if (countingAllocations.load(std::memory_order_relaxed)) allocations.fetch_add(1, std::memory_order_relaxed);
-  return __libc_malloc(size);
-}
-#endif
 
 namespace sensorlay {
 namespace {
@@ -102,8 +86,8 @@ TEST(IsOnSurface, AcceptsFromFourMillimetresAboveToOneUnder) {
   EXPECT_FALSE(covered->isOnSurface({0.01f, 0.01f, 0}, -up));
 }
 
-#ifdef SENSORLAY_COUNT_MALLOC
 TEST(RayQueries, AllocateNothing) {
+  if (!allocationCountingAvailable()) GTEST_SKIP() << "the allocator is not ours to count";
   TempDir dir;
   auto s = buildSurface(dir, cubeMesh(0.1f, 8), translated(cubeMesh(0.02f), {0, 0, 0.2f}));
   Constellation c;
@@ -113,24 +97,19 @@ TEST(RayQueries, AllocateNothing) {
   SensorModel model(c, ModelTransform());
   const double pose[7] = {0, 0, -2, 1, 0, 0, 0};
 
-  countingAllocations = true;
-  std::vector<int> probe(3);  // shows that counting works
-  countingAllocations = false;
-  EXPECT_GT(allocations.load(), 0);
+  EXPECT_GT(countAllocations([] { std::vector<int> probe(3); }), 0);  // the counter works
 
   int hits = 0;
-  allocations = 0;
-  countingAllocations = true;
-  for (int i = 0; i < 1000; ++i) {
-    const V3 p(0.0001f * i - 0.05f, 0, 0.05f);
-    hits += s->castRay(p + V3(0, 0, 1), V3(0, 0, -1), 0, 2) + s->sensorFits(p, V3(0, 0, 1)) +
-            s->isOnSurface(p, V3(0, 0, 1)) + isSensorVisible({&model, 0, s.get()}, pose);
-  }
-  countingAllocations = false;
-  EXPECT_EQ(allocations.load(), 0);
+  EXPECT_EQ(countAllocations([&] {
+              for (int i = 0; i < 1000; ++i) {
+                const V3 p(0.0001f * i - 0.05f, 0, 0.05f);
+                hits += s->castRay(p + V3(0, 0, 1), V3(0, 0, -1), 0, 2) + s->sensorFits(p, V3(0, 0, 1)) +
+                        s->isOnSurface(p, V3(0, 0, 1)) + isSensorVisible({&model, 0, s.get()}, pose);
+              }
+            }),
+            0);
   EXPECT_GT(hits, 0);
 }
-#endif
 
 }  // namespace
 }  // namespace sensorlay
