@@ -9,58 +9,11 @@
 # position-sigma.png. PLOT_WIDTH and PLOT_HEIGHT set the size in pixels
 # (default 1200 x 700).
 set -euo pipefail
+source "$(dirname "$0")/plot-common.sh"
 
-name=$(basename "$0")
-fail() {
-  echo "$name: $*" >&2
-  exit 1
-}
-
-[ $# -eq 2 ] || fail "usage: $name TABLE OUTDIR"
-table=$1
-outdir=$2
-width=${PLOT_WIDTH:-1200}
-height=${PLOT_HEIGHT:-700}
-
-command -v gnuplot >/dev/null 2>&1 || fail "gnuplot is not installed"
-[ -f "$table" ] && [ -r "$table" ] || fail "cannot read the table $table"
-[ -s "$table" ] || fail "the table $table is empty"
-[[ $width =~ ^[0-9]+$ && $height =~ ^[0-9]+$ ]] || fail "PLOT_WIDTH and PLOT_HEIGHT must be whole numbers of pixels"
-
-# A coverage row has at least 12 numeric columns; anything else is not a
-# coverage table (the sensitivity table has 5: use plot-sensitivity.sh).
-awk 'NF < 12 || $1 !~ /^-?[0-9]/ { bad = NR; exit } END { if (bad) { print bad; exit 1 } }' "$table" >/dev/null ||
-  fail "$table is not a coverage table: a row has fewer than 12 columns (for a sensitivity table use plot-sensitivity.sh)"
-
-mkdir -p "$outdir" || fail "cannot make the folder $outdir"
-
-terminal="png"
-if gnuplot -e "set terminal" 2>&1 | grep -qw pngcairo; then terminal="pngcairo"; fi
-
-# A grid of one row or column cannot be drawn as an image; it is drawn as dots.
-rows=$(wc -l <"$table")
-style="with image"
-if [ "$rows" -lt 4 ]; then style="with points pointtype 5 pointsize 3 palette"; fi
-
-plot_map() {  # value (column or expression), file, title, colour-box label, extra settings
-  local column=$1 file=$2 title=$3 label=$4 settings=$5
-  gnuplot <<EOF || fail "gnuplot could not draw $outdir/$file"
-set terminal $terminal size $width,$height
-set output "$outdir/$file"
-set title "$title"
-set xlabel "longitude (degrees)"
-set ylabel "latitude (degrees)"
-set cblabel "$label"
-set xrange [-180:180]
-set yrange [-90:90]
-set xtics 30
-set ytics 30
-set grid front
-set palette rgbformulae 33,13,10
-$settings
-plot "$table" using (\$1*180/pi):(\$2*180/pi):$column $style notitle
-EOF
-}
+# A coverage row has at least 12 numeric columns (the sensitivity table has 5).
+plot_init 'NF < 12' \
+  "is not a coverage table: a row has fewer than 12 columns (for a sensitivity table use plot-sensitivity.sh)" "$@"
 
 # The grade takes four values only; each gets its own colour and label.
 grade_classes='set cbrange [-0.5:3.5]
