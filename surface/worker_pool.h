@@ -1,0 +1,98 @@
+#pragma once
+// A small pool of persistent worker threads for loops whose iterations are
+// independent: the analysis tables and the placement score split their rows
+// or samples over it. Idle workers sleep on a condition variable; the machine
+// is often shared, and threads that spin for work starve the ones that have it.
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+namespace sensorlay {
+
+class WorkerPool {
+ public:
+  // `threads` counts the calling thread too, so 1 makes no thread and runs
+  // everything inline. 0 or less means one per hardware thread.
+  explicit WorkerPool(int threads);
+  // Wakes and joins the workers. No run may be in progress.
+  ~WorkerPool();
+  WorkerPool(const WorkerPool&) = delete;
+  WorkerPool& operator=(const WorkerPool&) = delete;
+
+  // The number of threads that take part in a run, the caller included.
+  int size() const { return static_cast<int>(workers_.size()) + 1; }
+
+  // Calls task(i) for every i in [0, taskCount) exactly once, spread over the
+  // workers and the calling thread, and returns when all calls have returned.
+  // Indices are handed out in ascending order, one at a time, as threads come
+  // free. A task that takes (int index, int worker) also learns which
+  // participant runs it: 0 to size() - 1, the caller being 0, and no two calls
+  // that overlap in time get the same number; per-worker scratch can be
+  // indexed by it. Tasks must not throw.
+  //
+  // A run made from inside a task, or while another thread has this pool
+  // busy, runs all its tasks inline on the calling thread as worker 0.
+  // Nothing is allocated per run.
+  template <class F>
+  void run(int taskCount, F&& task) {
+    using Task = std::remove_reference_t<F>;
+    runErased(taskCount, &invoke<Task>, const_cast<void*>(static_cast<const void*>(&task)));
+  }
+
+ private:
+  using Call = void (*)(void* context, int index, int worker);
+
+  template <class Task>
+  static void invoke(void* context, int index, int worker) {
+    Task& task = *static_cast<Task*>(context);
+    if constexpr (std::is_invocable_v<Task&, int, int>)
+      task(index, worker);
+    else
+      task(index);
+  }
+
+  void runErased(int taskCount, Call call, void* context);
+  void workerLoop(int worker);
+  // Takes indices of the current run until none is left.
+  void drain(int worker);
+
+  std::vector<std::thread> workers_;
+  // Held for the whole of a run, so that a second caller can tell the pool is
+  // busy and run inline instead of waiting.
+  std::mutex runMutex_;
+
+  // Wakes the workers for a run, or for the end.
+  std::mutex wakeMutex_;
+  std::condition_variable wake_;
+  std::atomic<uint64_t> generation_{0};
+  std::atomic<bool> stopping_{false};
+
+  // The run in progress; written before generation_ moves on.
+  Call call_ = nullptr;
+  void* context_ = nullptr;
+  int taskCount_ = 0;
+  std::atomic<int> next_{0};
+
+  // Workers still busy with the current run; the last one wakes the caller.
+  std::atomic<int> busy_{0};
+  std::mutex doneMutex_;
+  std::condition_variable done_;
+};
+
+// The pool that the tables and the score use, made on first use with the
+// count last given to setDefaultThreadCount (0 at start: one per hardware
+// thread).
+WorkerPool& defaultWorkerPool();
+
+// Replaces the default pool by one of `threads` threads (0 or less: one per
+// hardware thread); 1 makes every run inline, the reference that tests and
+// benchmarks compare against. Must not be called while the default pool runs;
+// a reference to the old pool is no longer valid afterwards.
+void setDefaultThreadCount(int threads);
+
+}  // namespace sensorlay
