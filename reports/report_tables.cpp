@@ -4,16 +4,19 @@
 #include <Eigen/Geometry>
 #include <Eigen/LU>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <limits>
 #include <memory>
 
 #include "observation/sweep_model.h"
 #include "surface/coverage_evaluator.h"
+#include "surface/worker_pool.h"
 
 namespace sensorlay {
 
@@ -21,39 +24,37 @@ namespace {
 
 constexpr double kHalfPi = 1.5707963267948966;
 
-// The table goes out in blocks of one mebibyte: a quarter of a million rows
-// cost a few dozen writes instead of one flush each.
-class TableStream {
+// The text of a block of rows. Made once per table with room for the block's
+// rows at their longest likely length, and reused by every block after; it
+// grows only for rows longer than that (absurd distances print hundreds of
+// digits).
+class TextBuffer {
  public:
-  explicit TableStream(std::FILE* file) : file_(file), buffer_(new char[kCapacity]) {}
-  ~TableStream() { flush(); }
-  TableStream(const TableStream&) = delete;
-  TableStream& operator=(const TableStream&) = delete;
+  void reserve(size_t bytes) {
+    if (bytes > capacity_) grow(bytes);
+  }
+  void clear() { used_ = 0; }
+  const char* data() const { return data_.get(); }
+  size_t size() const { return used_; }
 
   template <typename... Args>
   void print(const char* format, Args... args) {
     for (;;) {
-      const size_t room = kCapacity - used_;
-      const int n = std::snprintf(buffer_.get() + used_, room, format, args...);
+      const size_t room = capacity_ - used_;
+      const int n = std::snprintf(data_.get() + used_, room, format, args...);
       if (n < 0) return;
       if (static_cast<size_t>(n) < room) {
         used_ += static_cast<size_t>(n);
         return;
       }
-      if (used_ == 0) {
-        // Longer than the whole block (absurd distances print hundreds of
-        // digits); it goes out directly.
-        std::fprintf(file_, format, args...);
-        return;
-      }
-      flush();
+      grow(used_ + static_cast<size_t>(n) + 1);
     }
   }
 
   // " %d" without the cost of a formatted print.
   void putSpaceAndInteger(int32_t value) {
-    if (kCapacity - used_ < 16) flush();
-    char* out = buffer_.get() + used_;
+    if (capacity_ - used_ < 16) grow(used_ + 16);
+    char* out = data_.get() + used_;
     *out++ = ' ';
     int64_t v = value;
     if (v < 0) {
@@ -67,34 +68,53 @@ class TableStream {
       v /= 10;
     } while (v != 0);
     while (count > 0) *out++ = digits[--count];
-    used_ = static_cast<size_t>(out - buffer_.get());
+    used_ = static_cast<size_t>(out - data_.get());
   }
 
   void putChar(char c) {
-    if (used_ == kCapacity) flush();
-    buffer_[used_++] = c;
-  }
-
-  void flush() {
-    if (used_ != 0) std::fwrite(buffer_.get(), 1, used_, file_);
-    used_ = 0;
-    std::fflush(file_);
+    if (used_ == capacity_) grow(used_ + 1);
+    data_[used_++] = c;
   }
 
  private:
-  static constexpr size_t kCapacity = size_t{1} << 20;
-  std::FILE* file_;
-  std::unique_ptr<char[]> buffer_;
+  void grow(size_t needed) {
+    const size_t capacity = std::max(needed, 2 * capacity_);
+    std::unique_ptr<char[]> larger(new char[capacity]);
+    if (used_ != 0) std::memcpy(larger.get(), data_.get(), used_);
+    data_ = std::move(larger);
+    capacity_ = capacity;
+  }
+
+  std::unique_ptr<char[]> data_;
+  size_t capacity_ = 0;
   size_t used_ = 0;
 };
 
 using Matrix6d = Eigen::Matrix<double, 6, 6>;
 
-// The buffers of one table, made once and reused by every row.
+// The buffers of one thread's rows, made once per table.
 struct RowScratch {
   double angles[kMaxObservationRows];
   double jacobian[kMaxObservationRows * 6];  // row-major
   double weighted[kMaxObservationRows * 6];  // W J, row-major
+};
+
+// What one thread changes while it computes rows: its own copy of the
+// observation set, whose visibleNow bits the Jacobian reads and whose
+// everVisible bits are OR-ed into the evaluator's at the end, its own pose and
+// its buffers. All else that a row reads (model, surface, information matrix,
+// samples) is shared and only read. Aligned so that two threads' rows never
+// write to one cache line.
+struct alignas(64) RowWorker {
+  explicit RowWorker(const CoverageEvaluator& evaluator) : view(*evaluator.observations), pose(evaluator.pose) {
+    hits.reserve(2 * kReportSensorLimit);
+  }
+  SweepObservationSet view;
+  std::array<double, 7> pose;
+  RowScratch scratch;
+  std::vector<AxisObservation> hits;
+  // The channel without a position that stopped this thread's last row, or -1.
+  int32_t missingChannel = -1;
 };
 
 // Sets the visibleNow bits at the pose, adds the seen ones to everVisible and
@@ -113,17 +133,16 @@ int32_t markVisibleSensors(SweepObservationSet& set, const double pose[7]) {
   return count;
 }
 
-// C = (J^T W J)^-1 for the visible sensors at the first six pose numbers, with
-// W the top-left block of the information matrix, used in place. False when
-// the Jacobian cannot be had; C is then untouched. No test for singularity:
-// a singular A shows up as non-finite numbers that the caller clamps.
-bool poseCovariance(const CoverageEvaluator& evaluator, int32_t visible, RowScratch& scratch, Matrix6d& C) {
+// C = (J^T W J)^-1 for the visible sensors of `set` at the first six pose
+// numbers, with W the top-left block of the information matrix, used in
+// place. False when the Jacobian cannot be had; C is then untouched. No test
+// for singularity: a singular A shows up as non-finite numbers that the
+// caller clamps.
+bool poseCovariance(const SweepObservationSet& set, const double pose[6], const Eigen::MatrixXd& W, int32_t visible,
+                    RowScratch& scratch, Matrix6d& C) {
   const int32_t rows = 2 * visible;
-  const Eigen::MatrixXd& W = evaluator.measurementInformation;
   if (rows > kMaxObservationRows || rows > W.rows() || rows > W.cols()) return false;
-  if (!differentiateObservations(*evaluator.observations, evaluator.pose.data(), rows, scratch.angles,
-                                 scratch.jacobian))
-    return false;
+  if (!differentiateObservations(set, pose, rows, scratch.angles, scratch.jacobian)) return false;
 
   const double* J = scratch.jacobian;
   double* WJ = scratch.weighted;
@@ -147,6 +166,189 @@ bool poseCovariance(const CoverageEvaluator& evaluator, int32_t visible, RowScra
   // the heap.
   C = A.inverse();
   return true;
+}
+
+// One coverage row into `out`. False, with nothing written, when the grade
+// needs a sensor position that the model lacks.
+bool coverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sample, double distance, RowWorker& w,
+                 TextBuffer& out) {
+  double* pose = w.pose.data();
+  const std::vector<int32_t>& channels = evaluator.model->channels;
+  const size_t sensorCount = w.view.visibilityTests.size();
+
+  for (int i = 0; i < 4; ++i) pose[3 + i] = sample.quaternion[i];
+  const int32_t visible = markVisibleSensors(w.view, pose);
+
+  double positionSigma = 1.0;
+  double rotationSigma = 1.0;
+  if (visible != 0) {
+    for (int i = 0; i < 3; ++i) pose[3 + i] = sample.rotationVector[i];
+    Matrix6d C;
+    if (poseCovariance(w.view, pose, evaluator.measurementInformation, visible, w.scratch, C)) {
+      // The variances are summed first, then one root is taken.
+      positionSigma = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2));
+      rotationSigma = std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
+    }
+  }
+
+  w.hits.clear();
+  for (size_t i = 0; i < sensorCount; ++i)
+    if (w.view.visibleNow[i]) {
+      w.hits.push_back({channels[i], 0});
+      w.hits.push_back({channels[i], 1});
+    }
+  PoseSolvability solvability(*evaluator.model, w.hits);
+  ViewGrade grade = gradeView(solvability);
+  if (solvability.missingChannel >= 0) {
+    w.missingChannel = solvability.missingChannel;
+    return false;
+  }
+
+  // An uncertainty beyond a metre or a radian, or none at all, is no fix.
+  if (!(positionSigma <= 1.0)) {
+    positionSigma = 1.0;
+    grade = {0, 100};
+  }
+  if (!(rotationSigma <= 1.0)) {
+    rotationSigma = 1.0;
+    grade = {0, 100};
+  }
+
+  out.print("%lf %lf %0.1lf %0.1lf %d 0 0 0 %d %d %lf %lf", sample.longitude, sample.latitude, distance, 0.0, visible,
+            grade.first, grade.second, rotationSigma, positionSigma);
+  for (size_t i = 0; i < sensorCount; ++i)
+    if (w.view.visibleNow[i]) out.putSpaceAndInteger(channels[i]);
+  out.putChar('\n');
+  return true;
+}
+
+// One sensitivity row into `out`; the device at `position` turned by the
+// sample's orientation, so that it keeps facing the station.
+bool sensitivityRow(const CoverageEvaluator& evaluator, const OrientationSample& sample,
+                    const Eigen::Vector3d& position, RowWorker& w, TextBuffer& out) {
+  double* pose = w.pose.data();
+  const double w0 = sample.quaternion[0];
+  const Eigen::Vector3d u(sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]);
+  const Eigen::Vector3d uxp = u.cross(position);
+  const Eigen::Vector3d moved = position + 2.0 * w0 * uxp + 2.0 * u.cross(uxp);
+  for (int i = 0; i < 3; ++i) pose[i] = moved[i];
+  for (int i = 0; i < 4; ++i) pose[3 + i] = sample.quaternion[i];
+
+  const int32_t visible = markVisibleSensors(w.view, pose);
+
+  const double qw = pose[3];
+  const Eigen::Vector3d qu(pose[4], pose[5], pose[6]);
+  const double n2 = qu.squaredNorm();
+  Eigen::Vector3d rotationVector = 2.0 * qu;
+  if (n2 > 0.0) {
+    const double n = std::sqrt(n2);
+    const double angle = qw < 0.0 ? 2.0 * std::atan2(-n, -qw) : 2.0 * std::atan2(n, qw);
+    rotationVector = (angle / n) * qu;
+  }
+
+  double sigma[3] = {1.0, 1.0, 1.0};
+  if (visible != 0) {
+    for (int i = 0; i < 3; ++i) pose[3 + i] = rotationVector[i];
+    Matrix6d C;
+    if (poseCovariance(w.view, pose, evaluator.measurementInformation, visible, w.scratch, C))
+      for (int i = 0; i < 3; ++i) sigma[i] = std::sqrt(C(i, i));
+  }
+  for (double& s : sigma)
+    if (!(s <= 1.0)) s = 1.0;
+
+  out.print("%lf %lf %lf %lf %lf\n", sample.longitude, sample.latitude, sigma[0], sigma[1], sigma[2]);
+  return true;
+}
+
+// The text of one block of rows and who made it.
+struct BlockText {
+  TextBuffer text;
+  int worker = 0;
+  bool stopped = false;  // ended before its last row: the table stops there
+  int32_t missingChannel = -1;
+};
+
+struct TableOutcome {
+  int lastWorker = -1;          // the thread that computed the final row
+  int32_t missingChannel = -1;  // when the table stopped short
+};
+
+// Blocks of rows per thread in one wave. The rows of a block are consecutive
+// and cost about the same; the few blocks per thread even out the differences
+// between them before the caller writes the wave.
+constexpr size_t kBlocksPerThread = 8;
+constexpr size_t kMaxBlockRows = 1024;
+
+// Computes rows 0 to rowCount - 1 with `row(index, worker, text)` over the
+// pool, and writes their text to the standard output stream in row order,
+// wave by wave: each wave hands out kBlocksPerThread blocks for every thread,
+// and the caller writes them once all are done. The output is that of the
+// rows one after another on one thread. `rowBytes` is the longest text a row
+// is likely to take; the buffers are made for it once.
+template <class Row>
+TableOutcome writeRowsInOrder(size_t rowCount, size_t rowBytes, WorkerPool& pool, std::vector<RowWorker>& workers,
+                              Row&& row) {
+  TableOutcome outcome;
+  const size_t slots = kBlocksPerThread * static_cast<size_t>(pool.size());
+  const size_t blockRows = std::min(kMaxBlockRows, std::max<size_t>(1, (rowCount + slots - 1) / slots));
+  std::vector<BlockText> blocks(slots);
+  for (BlockText& block : blocks) block.text.reserve(blockRows * rowBytes);
+
+  for (size_t first = 0; first < rowCount; first += slots * blockRows) {
+    const size_t waveRows = std::min(rowCount - first, slots * blockRows);
+    const int blockCount = static_cast<int>((waveRows + blockRows - 1) / blockRows);
+    pool.run(blockCount, [&](int b, int worker) {
+      BlockText& block = blocks[static_cast<size_t>(b)];
+      RowWorker& w = workers[static_cast<size_t>(worker)];
+      block.text.clear();
+      block.worker = worker;
+      block.stopped = false;
+      const size_t begin = first + static_cast<size_t>(b) * blockRows;
+      const size_t end = std::min(begin + blockRows, rowCount);
+      for (size_t r = begin; r < end; ++r)
+        if (!row(r, w, block.text)) {
+          block.stopped = true;
+          block.missingChannel = w.missingChannel;
+          return;
+        }
+    });
+    for (int b = 0; b < blockCount; ++b) {
+      const BlockText& block = blocks[static_cast<size_t>(b)];
+      if (block.text.size() != 0) std::fwrite(block.text.data(), 1, block.text.size(), stdout);
+      if (block.stopped) {
+        outcome.missingChannel = block.missingChannel;
+        std::fflush(stdout);
+        return outcome;
+      }
+    }
+    outcome.lastWorker = blocks[static_cast<size_t>(blockCount - 1)].worker;
+  }
+  std::fflush(stdout);
+  return outcome;
+}
+
+// One row worker per thread of the pool, each starting from the evaluator's
+// pose and bits.
+std::vector<RowWorker> makeRowWorkers(const CoverageEvaluator& evaluator, const WorkerPool& pool) {
+  std::vector<RowWorker> workers;
+  workers.reserve(static_cast<size_t>(pool.size()));
+  for (int i = 0; i < pool.size(); ++i) workers.emplace_back(evaluator);
+  return workers;
+}
+
+// Leaves the evaluator as one thread would have left it after the last row:
+// its pose and visibleNow bits as that row set them, and every sensor that
+// some row saw marked in everVisible.
+void gatherRowWorkers(CoverageEvaluator& evaluator, const std::vector<RowWorker>& workers, int lastWorker) {
+  SweepObservationSet& set = *evaluator.observations;
+  if (lastWorker >= 0) {
+    const RowWorker& last = workers[static_cast<size_t>(lastWorker)];
+    evaluator.pose = last.pose;
+    set.visibleNow = last.view.visibleNow;
+  }
+  for (const RowWorker& w : workers)
+    for (size_t i = 0; i < set.everVisible.size(); ++i)
+      if (w.view.everVisible[i]) set.everVisible[i] = true;
 }
 
 // Whether the evaluator is set up for a table; says why not on stderr.
@@ -207,6 +409,7 @@ bool PoseSolvability::isSolvable() {
     for (int32_t c = 0; c < kReportChannelLimit; ++c)
       if (axisMask[c] == 3) ids[count++] = c;
     if (spansVolume(ids, count)) return true;
+    if (missingChannel >= 0) return false;
   }
   // Every sensor seen on one axis was seen on both: the axes on their own can
   // tell nothing more.
@@ -221,16 +424,18 @@ bool PoseSolvability::isSolvable() {
   return true;
 }
 
-bool PoseSolvability::spansVolume(const int32_t* channelIds, int32_t count) const {
+bool PoseSolvability::spansVolume(const int32_t* channelIds, int32_t count) {
   // Distinct channels number at most 32; a longer list cannot come from the
   // mask and is not looked at.
   if (count < 3 || count > kReportChannelLimit) return false;
   std::array<Eigen::Vector3d, kReportChannelLimit> P;
   for (int32_t i = 0; i < count; ++i) {
     const auto found = model.channelIndex.find(channelIds[i]);
-    if (found == model.channelIndex.end()) failMissingPosition(channelIds[i]);
-    const int32_t index = found->second;
-    if (index < 0 || static_cast<size_t>(index) >= model.points.size()) failMissingPosition(channelIds[i]);
+    const int32_t index = found == model.channelIndex.end() ? -1 : found->second;
+    if (index < 0 || static_cast<size_t>(index) >= model.points.size()) {
+      missingChannel = channelIds[i];
+      return false;
+    }
     P[i] = model.points[index];
   }
 
@@ -399,105 +604,37 @@ void CoverageEvaluator::buildReportGrid(double span, double step) {
 
 void CoverageEvaluator::printCoverageTable() {
   if (!readyForTable(*this)) return;
-  SweepObservationSet& set = *observations;
-  const std::vector<int32_t>& channels = model->channels;
-  const size_t sensorCount = set.visibilityTests.size();
-
-  TableStream out(stdout);
-  RowScratch scratch;
-  std::vector<AxisObservation> hits;
-  hits.reserve(2 * kReportSensorLimit);
+  WorkerPool& pool = defaultWorkerPool();
+  std::vector<RowWorker> workers = makeRowWorkers(*this, pool);
 
   const double distance = std::sqrt(pose[0] * pose[0] + pose[1] * pose[1] + pose[2] * pose[2]);
-  for (const OrientationSample& sample : samples) {
-    for (int i = 0; i < 4; ++i) pose[3 + i] = sample.quaternion[i];
-    const int32_t visible = markVisibleSensors(set, pose.data());
-
-    double positionSigma = 1.0;
-    double rotationSigma = 1.0;
-    if (visible != 0) {
-      for (int i = 0; i < 3; ++i) pose[3 + i] = sample.rotationVector[i];
-      Matrix6d C;
-      if (poseCovariance(*this, visible, scratch, C)) {
-        // The variances are summed first, then one root is taken.
-        positionSigma = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2));
-        rotationSigma = std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
-      }
-    }
-
-    hits.clear();
-    for (size_t i = 0; i < sensorCount; ++i)
-      if (set.visibleNow[i]) {
-        hits.push_back({channels[i], 0});
-        hits.push_back({channels[i], 1});
-      }
-    PoseSolvability solvability(*model, hits);
-    ViewGrade grade = gradeView(solvability);
-
-    // An uncertainty beyond a metre or a radian, or none at all, is no fix.
-    if (!(positionSigma <= 1.0)) {
-      positionSigma = 1.0;
-      grade = {0, 100};
-    }
-    if (!(rotationSigma <= 1.0)) {
-      rotationSigma = 1.0;
-      grade = {0, 100};
-    }
-
-    out.print("%lf %lf %0.1lf %0.1lf %d 0 0 0 %d %d %lf %lf", sample.longitude, sample.latitude, distance, 0.0,
-              visible, grade.first, grade.second, rotationSigma, positionSigma);
-    for (size_t i = 0; i < sensorCount; ++i)
-      if (set.visibleNow[i]) out.putSpaceAndInteger(channels[i]);
-    out.putChar('\n');
-  }
-  out.flush();
+  // Two angles and two sigmas of "%lf", the distance, small whole numbers,
+  // and one channel below 32 for each sensor.
+  const size_t rowBytes = 96 + static_cast<size_t>(std::max(0, std::snprintf(nullptr, 0, "%0.1lf", distance))) +
+                          4 * observations->visibilityTests.size();
+  const TableOutcome outcome =
+      writeRowsInOrder(samples.size(), rowBytes, pool, workers, [&](size_t row, RowWorker& w, TextBuffer& out) {
+        return coverageRow(*this, samples[row], distance, w, out);
+      });
+  if (outcome.missingChannel >= 0) failMissingPosition(outcome.missingChannel);
+  gatherRowWorkers(*this, workers, outcome.lastWorker);
   reportUnseenSensors(*this);
 }
 
 void CoverageEvaluator::printSensitivityTable() {
   if (!readyForTable(*this)) return;
-  SweepObservationSet& set = *observations;
-
-  TableStream out(stdout);
-  RowScratch scratch;
+  WorkerPool& pool = defaultWorkerPool();
+  std::vector<RowWorker> workers = makeRowWorkers(*this, pool);
 
   // The device keeps facing the station while it moves across the field of
-  // view: its position turns with it.
+  // view: its position turns with it, and is put back after the table.
   const Eigen::Vector3d p(pose[0], pose[1], pose[2]);
-  for (const OrientationSample& sample : samples) {
-    const double w = sample.quaternion[0];
-    const Eigen::Vector3d u(sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]);
-    const Eigen::Vector3d uxp = u.cross(p);
-    const Eigen::Vector3d moved = p + 2.0 * w * uxp + 2.0 * u.cross(uxp);
-    for (int i = 0; i < 3; ++i) pose[i] = moved[i];
-    for (int i = 0; i < 4; ++i) pose[3 + i] = sample.quaternion[i];
-
-    const int32_t visible = markVisibleSensors(set, pose.data());
-
-    const double qw = pose[3];
-    const Eigen::Vector3d qu(pose[4], pose[5], pose[6]);
-    const double n2 = qu.squaredNorm();
-    Eigen::Vector3d rotationVector = 2.0 * qu;
-    if (n2 > 0.0) {
-      const double n = std::sqrt(n2);
-      const double angle = qw < 0.0 ? 2.0 * std::atan2(-n, -qw) : 2.0 * std::atan2(n, qw);
-      rotationVector = (angle / n) * qu;
-    }
-
-    double sigma[3] = {1.0, 1.0, 1.0};
-    if (visible != 0) {
-      for (int i = 0; i < 3; ++i) pose[3 + i] = rotationVector[i];
-      Matrix6d C;
-      if (poseCovariance(*this, visible, scratch, C))
-        for (int i = 0; i < 3; ++i) sigma[i] = std::sqrt(C(i, i));
-    }
-    for (double& s : sigma)
-      if (!(s <= 1.0)) s = 1.0;
-
-    out.print("%lf %lf %lf %lf %lf\n", sample.longitude, sample.latitude, sigma[0], sigma[1], sigma[2]);
-  }
+  const TableOutcome outcome =
+      writeRowsInOrder(samples.size(), 64, pool, workers, [&](size_t row, RowWorker& w, TextBuffer& out) {
+        return sensitivityRow(*this, samples[row], p, w, out);
+      });
+  gatherRowWorkers(*this, workers, outcome.lastWorker);
   for (int i = 0; i < 3; ++i) pose[i] = p[i];
-  out.flush();
   reportUnseenSensors(*this);
 }
 

@@ -4,6 +4,9 @@
 // solved from them. The tables themselves are CoverageEvaluator members
 // (buildReportGrid, printCoverageTable, printSensitivityTable); this header
 // holds the per-row solvability check and the limits that the tables need.
+// The rows are computed on all threads of the default worker pool and printed
+// in row order: the text, and the evaluator's state after a table, are the
+// same for every thread count.
 
 #include <cstdint>
 #include <string>
@@ -45,8 +48,11 @@ class PoseSolvability {
   bool isSolvable();
   // Whether the sensors of these channels, at their model positions, span a
   // volume: some triangle of them is wider than `minSpread` and some other
-  // sensor lies farther than `minSpread` off its plane.
-  bool spansVolume(const int32_t* channelIds, int32_t count) const;
+  // sensor lies farther than `minSpread` off its plane. A channel that the
+  // model has no position for makes it false and is kept in
+  // `missingChannel`; isSolvable is then false too. The tables end the
+  // process over it, once the rows before have gone out.
+  bool spansVolume(const int32_t* channelIds, int32_t count);
 
   const SensorModel& model;
   double minSpread = 0.0085;
@@ -55,6 +61,7 @@ class PoseSolvability {
   int32_t axisCount[2] = {0, 0};
   int32_t bothAxesCount = 0;
   uint8_t axisMask[kReportChannelLimit] = {};
+  int32_t missingChannel = -1;
 };
 
 // The grade of a view, two whole numbers that add up to 100.
