@@ -127,17 +127,22 @@ void analysis(benchmark::State& state, Scene& scene, bool withSurface, bool sens
   setDefaultThreadCount(0);
 }
 
+// The default grid on one thread and on all, timed by the clock on the wall.
+void oneAndAllThreads(benchmark::internal::Benchmark* b) {
+  b->Args({5, 1})->Args({5, 0})->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+}
+
 void BM_CoverageTableOnSphere(benchmark::State& state) { analysis(state, sphere(), true, false); }
-BENCHMARK(BM_CoverageTableOnSphere)->Args({5, 1})->Args({5, 0})->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_CoverageTableOnSphere)->Apply(oneAndAllThreads);
 
 void BM_CoverageTableOnHeadset(benchmark::State& state) { analysis(state, headset(), true, false); }
-BENCHMARK(BM_CoverageTableOnHeadset)->Args({5, 1})->Args({5, 0})->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_CoverageTableOnHeadset)->Apply(oneAndAllThreads);
 
 void BM_CoverageTableWithoutSurface(benchmark::State& state) { analysis(state, sphere(), false, false); }
-BENCHMARK(BM_CoverageTableWithoutSurface)->Args({5, 1})->Args({5, 0})->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_CoverageTableWithoutSurface)->Apply(oneAndAllThreads);
 
 void BM_SensitivityTableOnSphere(benchmark::State& state) { analysis(state, sphere(), true, true); }
-BENCHMARK(BM_SensitivityTableOnSphere)->Args({5, 1})->Args({5, 0})->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_SensitivityTableOnSphere)->Apply(oneAndAllThreads);
 
 }  // namespace
 
