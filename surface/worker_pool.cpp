@@ -1,6 +1,11 @@
 #include "surface/worker_pool.h"
 
-#include <memory>
+#include <pthread.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
 
 namespace sensorlay {
 
@@ -22,6 +27,18 @@ inline void cpuRelax() {
 // inline rather than waiting on workers that may be the ones waiting for it.
 thread_local bool insideTask = false;
 
+// A forked child (a death test, say) has the pool's memory but none of its
+// threads: there every run goes inline, and the pool lets its threads and
+// their locks go without waiting for them.
+std::atomic<bool> forkedChild{false};
+
+void noteForkedChild() { forkedChild.store(true, std::memory_order_relaxed); }
+
+void watchForks() {
+  static const bool registered = pthread_atfork(nullptr, nullptr, noteForkedChild) == 0;
+  (void)registered;
+}
+
 int resolveThreadCount(int threads) {
   if (threads > 0) return threads;
   const unsigned hardware = std::thread::hardware_concurrency();
@@ -30,86 +47,120 @@ int resolveThreadCount(int threads) {
 
 }  // namespace
 
-WorkerPool::WorkerPool(int threads) {
+struct WorkerPool::Shared {
+  // Held for the whole of a run, so that a second caller can tell the pool is
+  // busy and run inline instead of waiting.
+  std::mutex runMutex;
+
+  // Wakes the workers for a run, or for the end.
+  std::mutex wakeMutex;
+  std::condition_variable wake;
+  std::atomic<uint64_t> generation{0};
+  std::atomic<bool> stopping{false};
+
+  // The run in progress; written before generation moves on.
+  Call call = nullptr;
+  void* context = nullptr;
+  int taskCount = 0;
+  std::atomic<int> next{0};
+
+  // Workers still busy with the current run; the last one wakes the caller.
+  std::atomic<int> busy{0};
+  std::mutex doneMutex;
+  std::condition_variable done;
+};
+
+WorkerPool::WorkerPool(int threads) : shared_(std::make_unique<Shared>()) {
+  watchForks();
   const int count = resolveThreadCount(threads);
   workers_.reserve(static_cast<size_t>(count - 1));
   for (int w = 1; w < count; ++w) workers_.emplace_back([this, w] { workerLoop(w); });
 }
 
 WorkerPool::~WorkerPool() {
-  {
-    std::lock_guard<std::mutex> lock(wakeMutex_);
-    stopping_.store(true, std::memory_order_relaxed);
-    generation_.fetch_add(1, std::memory_order_release);
+  if (forkedChild.load(std::memory_order_relaxed)) {
+    for (std::thread& t : workers_) t.detach();
+    (void)shared_.release();
+    return;
   }
-  wake_.notify_all();
+  Shared& s = *shared_;
+  {
+    std::lock_guard<std::mutex> lock(s.wakeMutex);
+    s.stopping.store(true, std::memory_order_relaxed);
+    s.generation.fetch_add(1, std::memory_order_release);
+  }
+  s.wake.notify_all();
   for (std::thread& t : workers_) t.join();
 }
 
 void WorkerPool::runErased(int taskCount, Call call, void* context) {
   if (taskCount <= 0) return;
-  const bool serial = workers_.empty() || taskCount == 1 || insideTask;
-  if (serial || !runMutex_.try_lock()) {
+  Shared& s = *shared_;
+  const bool serial =
+      workers_.empty() || taskCount == 1 || insideTask || forkedChild.load(std::memory_order_relaxed);
+  if (serial || !s.runMutex.try_lock()) {
     for (int i = 0; i < taskCount; ++i) call(context, i, 0);
     return;
   }
 
-  call_ = call;
-  context_ = context;
-  taskCount_ = taskCount;
-  next_.store(0, std::memory_order_relaxed);
-  busy_.store(static_cast<int>(workers_.size()), std::memory_order_relaxed);
+  s.call = call;
+  s.context = context;
+  s.taskCount = taskCount;
+  s.next.store(0, std::memory_order_relaxed);
+  s.busy.store(static_cast<int>(workers_.size()), std::memory_order_relaxed);
   {
-    std::lock_guard<std::mutex> lock(wakeMutex_);
-    generation_.fetch_add(1, std::memory_order_release);
+    std::lock_guard<std::mutex> lock(s.wakeMutex);
+    s.generation.fetch_add(1, std::memory_order_release);
   }
-  wake_.notify_all();
+  s.wake.notify_all();
 
   drain(0);
 
   bool finished = false;
-  for (int s = 0; s < kSpins && !finished; ++s) {
-    finished = busy_.load(std::memory_order_acquire) == 0;
+  for (int spin = 0; spin < kSpins && !finished; ++spin) {
+    finished = s.busy.load(std::memory_order_acquire) == 0;
     if (!finished) cpuRelax();
   }
   if (!finished) {
-    std::unique_lock<std::mutex> lock(doneMutex_);
-    done_.wait(lock, [this] { return busy_.load(std::memory_order_acquire) == 0; });
+    std::unique_lock<std::mutex> lock(s.doneMutex);
+    s.done.wait(lock, [&s] { return s.busy.load(std::memory_order_acquire) == 0; });
   }
-  runMutex_.unlock();
+  s.runMutex.unlock();
 }
 
 void WorkerPool::drain(int worker) {
+  Shared& s = *shared_;
   insideTask = true;
   for (;;) {
-    const int i = next_.fetch_add(1, std::memory_order_relaxed);
-    if (i >= taskCount_) break;
-    call_(context_, i, worker);
+    const int i = s.next.fetch_add(1, std::memory_order_relaxed);
+    if (i >= s.taskCount) break;
+    s.call(s.context, i, worker);
   }
   insideTask = false;
 }
 
 void WorkerPool::workerLoop(int worker) {
+  Shared& s = *shared_;
   uint64_t seen = 0;
   for (;;) {
-    uint64_t g = generation_.load(std::memory_order_acquire);
-    for (int s = 0; s < kSpins && g == seen; ++s) {
+    uint64_t g = s.generation.load(std::memory_order_acquire);
+    for (int spin = 0; spin < kSpins && g == seen; ++spin) {
       cpuRelax();
-      g = generation_.load(std::memory_order_acquire);
+      g = s.generation.load(std::memory_order_acquire);
     }
     if (g == seen) {
-      std::unique_lock<std::mutex> lock(wakeMutex_);
-      wake_.wait(lock, [&] { return generation_.load(std::memory_order_acquire) != seen; });
-      g = generation_.load(std::memory_order_acquire);
+      std::unique_lock<std::mutex> lock(s.wakeMutex);
+      s.wake.wait(lock, [&] { return s.generation.load(std::memory_order_acquire) != seen; });
+      g = s.generation.load(std::memory_order_acquire);
     }
-    if (stopping_.load(std::memory_order_relaxed)) return;
+    if (s.stopping.load(std::memory_order_relaxed)) return;
     seen = g;
     drain(worker);
-    if (busy_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    if (s.busy.fetch_sub(1, std::memory_order_acq_rel) == 1) {
       // Taking the lock orders this wake-up after the caller's last look at
-      // busy_, so that it cannot be lost.
-      std::lock_guard<std::mutex> lock(doneMutex_);
-      done_.notify_one();
+      // busy, so that it cannot be lost.
+      std::lock_guard<std::mutex> lock(s.doneMutex);
+      s.done.notify_one();
     }
   }
 }

@@ -4,10 +4,7 @@
 // or samples over it. Idle workers sleep on a condition variable; the machine
 // is often shared, and threads that spin for work starve the ones that have it.
 
-#include <atomic>
-#include <condition_variable>
-#include <cstdint>
-#include <mutex>
+#include <memory>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -35,8 +32,9 @@ class WorkerPool {
   // that overlap in time get the same number; per-worker scratch can be
   // indexed by it. Tasks must not throw.
   //
-  // A run made from inside a task, or while another thread has this pool
-  // busy, runs all its tasks inline on the calling thread as worker 0.
+  // A run made from inside a task, while another thread has this pool busy,
+  // or in a child process forked after the pool was made, runs all its tasks
+  // inline on the calling thread as worker 0.
   // Nothing is allocated per run.
   template <class F>
   void run(int taskCount, F&& task) {
@@ -61,27 +59,12 @@ class WorkerPool {
   // Takes indices of the current run until none is left.
   void drain(int worker);
 
+  // The locks, wake-ups and the run in progress. Held apart so that a forked
+  // child, where the workers that wait on them do not exist, can leave them
+  // be: destroying a condition variable waits for its waiters.
+  struct Shared;
+  std::unique_ptr<Shared> shared_;
   std::vector<std::thread> workers_;
-  // Held for the whole of a run, so that a second caller can tell the pool is
-  // busy and run inline instead of waiting.
-  std::mutex runMutex_;
-
-  // Wakes the workers for a run, or for the end.
-  std::mutex wakeMutex_;
-  std::condition_variable wake_;
-  std::atomic<uint64_t> generation_{0};
-  std::atomic<bool> stopping_{false};
-
-  // The run in progress; written before generation_ moves on.
-  Call call_ = nullptr;
-  void* context_ = nullptr;
-  int taskCount_ = 0;
-  std::atomic<int> next_{0};
-
-  // Workers still busy with the current run; the last one wakes the caller.
-  std::atomic<int> busy_{0};
-  std::mutex doneMutex_;
-  std::condition_variable done_;
 };
 
 // The pool that the tables and the score use, made on first use with the

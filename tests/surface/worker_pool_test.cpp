@@ -1,9 +1,12 @@
 #include "surface/worker_pool.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -116,6 +119,32 @@ TEST(WorkerPool, NestedAndConcurrentRunsComplete) {
     });
   for (std::thread& c : callers) c.join();
   EXPECT_FALSE(miscounted);
+}
+
+TEST(WorkerPool, AForkedChildRunsInlineAndEndsCleanly) {
+  // The child has the pool but not its threads: a run that waited for them,
+  // or an end that joined them, would hang. The alarm turns a hang into a
+  // signal that the parent sees.
+  WorkerPool pool(3);
+  pool.run(10, [](int) {});
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    alarm(20);
+    int sum = 0;
+    pool.run(100, [&](int i, int worker) { sum += worker == 0 ? i : 100000; });
+    pool.~WorkerPool();
+    _exit(sum == 4950 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status)) << "signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  // The parent's pool is untouched.
+  std::atomic<int> count{0};
+  pool.run(100, [&](int) { ++count; });
+  EXPECT_EQ(count.load(), 100);
 }
 
 TEST(WorkerPool, DefaultPoolFollowsTheSetting) {
