@@ -55,36 +55,20 @@ struct Fixture {
   std::unique_ptr<SensorModel> model;
 };
 
+// A table's two streams and the evaluator's state after it.
 struct TableRun {
   std::string out, err;
   std::array<double, 7> pose;
   std::vector<bool> visibleNow, everVisible;
 };
 
-// One table on `threads` threads, set up as the analysis run does it.
-TableRun runTable(const Fixture& f, int threads, bool sensitivity, double tiltDegrees, double stepDegrees) {
+TableRun printOnThreads(CoverageEvaluator& evaluator, int threads, bool sensitivity) {
   setDefaultThreadCount(threads);
-  EXPECT_EQ(defaultWorkerPool().size(), threads);
-  CoverageEvaluator evaluator;
-  evaluator.model = f.model.get();
-  evaluator.surface = f.surface.get();
-  if (tiltDegrees != 0.0) {
-    evaluator.stationConfig.stationKind = 7;
-    evaluator.stationConfig.tiltRadians = degrees(tiltDegrees);
-  }
-  evaluator.rebuildObservations();
-  evaluator.buildReportGrid(kFullTurn, degrees(stepDegrees));
-  evaluator.pose[2] = -1.5;
-
   ::testing::internal::CaptureStdout();
   ::testing::internal::CaptureStderr();
   sensitivity ? evaluator.printSensitivityTable() : evaluator.printCoverageTable();
-  TableRun run;
-  run.out = ::testing::internal::GetCapturedStdout();
-  run.err = ::testing::internal::GetCapturedStderr();
-  run.pose = evaluator.pose;
-  run.visibleNow = evaluator.observations->visibleNow;
-  run.everVisible = evaluator.observations->everVisible;
+  TableRun run{::testing::internal::GetCapturedStdout(), ::testing::internal::GetCapturedStderr(), evaluator.pose,
+               evaluator.observations->visibleNow, evaluator.observations->everVisible};
   setDefaultThreadCount(0);
   return run;
 }
@@ -96,24 +80,33 @@ TEST(TableThreads, EveryThreadCountPrintsTheOneThreadTable) {
   for (double step : {2.0, 7.5})
     for (double tilt : {0.0, 10.0})
       for (bool sensitivity : {false, true}) {
-        const TableRun reference = runTable(f, 1, sensitivity, tilt, step);
         SCOPED_TRACE(std::string(sensitivity ? "sensitivity" : "coverage") + " step " + std::to_string(step) +
                      " tilt " + std::to_string(tilt));
-        // The table is not trivial: views with and without sensors, and the
+        TableRun runs[3];
+        for (int threads : {1, 2, 3}) {
+          CoverageEvaluator evaluator;  // set up as the analysis run does it
+          evaluator.model = f.model.get();
+          evaluator.surface = f.surface.get();
+          if (tilt != 0.0) evaluator.stationConfig = {7, degrees(tilt)};
+          evaluator.rebuildObservations();
+          evaluator.buildReportGrid(kFullTurn, degrees(step));
+          evaluator.pose[2] = -1.5;
+          runs[threads - 1] = printOnThreads(evaluator, threads, sensitivity);
+        }
+        // Not a trivial table: views with and without sensors, and the
         // buried sensor reported.
+        const TableRun& reference = runs[0];
         if (!sensitivity) {
           EXPECT_NE(reference.out.find(" 0 0 0 0 100 1.000000 1.000000\n"), std::string::npos);
           EXPECT_NE(reference.out.find(" 0 0 0 100 0 "), std::string::npos);
         }
         EXPECT_NE(reference.err.find("did not see sensor id 25\n"), std::string::npos);
-        for (int threads : {2, 3}) {
-          const TableRun run = runTable(f, threads, sensitivity, tilt, step);
-          ASSERT_EQ(run.out.size(), reference.out.size()) << threads << " threads";
-          EXPECT_TRUE(run.out == reference.out) << threads << " threads";
-          EXPECT_EQ(run.err, reference.err) << threads << " threads";
-          EXPECT_EQ(run.pose, reference.pose) << threads << " threads";
-          EXPECT_EQ(run.visibleNow, reference.visibleNow) << threads << " threads";
-          EXPECT_EQ(run.everVisible, reference.everVisible) << threads << " threads";
+        for (const TableRun& run : {runs[1], runs[2]}) {
+          EXPECT_TRUE(run.out == reference.out);
+          EXPECT_EQ(run.err, reference.err);
+          EXPECT_EQ(run.pose, reference.pose);
+          EXPECT_EQ(run.visibleNow, reference.visibleNow);
+          EXPECT_EQ(run.everVisible, reference.everVisible);
         }
       }
 }
@@ -121,42 +114,37 @@ TEST(TableThreads, EveryThreadCountPrintsTheOneThreadTable) {
 TEST(TableThreads, ASensorSeenInOneRowIsSeenWhicheverThreadHadIt) {
   // One sensor faces the station, one faces away; a single row turns the
   // device round and sees only the second. Whichever thread computed that row,
-  // the second sensor counts as seen, and when the row is the last, the
-  // evaluator is left with its bits and pose.
+  // its line stands in its place and the second sensor counts as seen; when
+  // it is the last row, the evaluator keeps its bits and pose.
   Constellation c;
   c.valid = true;
   c.channelMap = {5, 6};
   c.modelPoints = {{0.0f, 0.0f, 0.01f}, {0.0f, 0.0f, -0.01f}};
   c.modelNormals = {{0.0f, 0.0f, 1.0f}, {0.0f, 0.0f, -1.0f}};
   SensorModel model(c, ModelTransform());
-  OrientationSample turned;
+  OrientationSample turned;  // half a turn about x
   turned.quaternion[0] = 0.0;
-  turned.quaternion[1] = 1.0;  // half a turn about x
+  turned.quaternion[1] = 1.0;
   turned.rotationVector[0] = 3.141592653589793;
   for (int threads : {2, 3})
     for (size_t row : {0, 57, 120, 199}) {
-      setDefaultThreadCount(threads);
       CoverageEvaluator evaluator;
       evaluator.model = &model;
       evaluator.rebuildObservations();
       evaluator.samples.assign(200, OrientationSample());
       evaluator.samples[row] = turned;
-      ::testing::internal::CaptureStdout();
-      ::testing::internal::CaptureStderr();
-      evaluator.printCoverageTable();
-      const std::string out = ::testing::internal::GetCapturedStdout();
-      EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << threads << " threads, row " << row;
-      std::istringstream lines(out);
+      const TableRun run = printOnThreads(evaluator, threads, false);
+      EXPECT_EQ(run.err, "") << threads << " threads, row " << row;
+      std::istringstream lines(run.out);
       size_t count = 0, turnedAt = 0;
       for (std::string line; std::getline(lines, line); ++count)
         if (line.substr(line.size() - 2) == " 6") turnedAt = count;
       EXPECT_EQ(count, 200u);
       EXPECT_EQ(turnedAt, row);
       const bool last = row == 199;
-      EXPECT_EQ(evaluator.observations->visibleNow, (std::vector<bool>{!last, last})) << row;
-      EXPECT_EQ(evaluator.pose[3], last ? 3.141592653589793 : 0.0) << row;  // its rotation vector
+      EXPECT_EQ(run.visibleNow, (std::vector<bool>{!last, last})) << row;
+      EXPECT_EQ(run.pose[3], last ? 3.141592653589793 : 0.0) << row;  // its rotation vector
     }
-  setDefaultThreadCount(0);
 }
 
 TEST(TableThreadsDeathTest, AMissingPositionEndsTheProcessFromTheCaller) {
