@@ -86,40 +86,33 @@ TEST(AnalysisRunEndToEnd, TableWithoutSurface) {
   EXPECT_EQ(rows[0][0] + " " + rows[0][1], "-3.141593 -1.570796");
 }
 
-TEST(AnalysisRunEndToEnd, SurfaceAndObstacleOcclude) {
-  Fixture f;
-  const auto open = f.run({"/model", "m.json", "/angleresolutiondegrees", "10"});
-  const auto r = f.run({"/model", "m.json", "/sensors", "cube.stl", "/obstacles", "cap.stl",
-                        "/angleresolutiondegrees", "10"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  // The cap also covers the sensor from above: it is not on the surface, as
-  // far as the check can tell, and is never seen.
-  EXPECT_NE(r.err.find("WARNING: Input model point 6 doesn't seem to be on the supplied sensor surface at"),
-            std::string::npos);
-  EXPECT_NE(r.err.find("did not see sensor id 6\ndid not see sensor id 9\n"), std::string::npos);
-  for (const auto& row : rowsOf(r.out))
-    for (size_t i = 12; i < row.size(); ++i) EXPECT_NE(row[i], "6");
-  EXPECT_LT(visibleTotal(r.out), visibleTotal(open.out));
-}
-
 TEST(AnalysisRunEndToEnd, OptionsChangeTheTable) {
   Fixture f;
-  const std::vector<std::string> base = {"/model", "m.json", "/angleresolutiondegrees", "10"};
   auto with = [&](std::vector<std::string> more) {
-    more.insert(more.begin(), base.begin(), base.end());
+    more.insert(more.begin(), {"/model", "m.json", "/angleresolutiondegrees", "10"});
     const auto r = f.run(more);
     EXPECT_EQ(r.status, 0) << r.err;
-    return r.out;
+    return r;
   };
-  const std::string plain = with({});
-  EXPECT_LT(visibleTotal(with({"/maxincidenceangle", "30"})), visibleTotal(plain));
+  const std::string plain = with({}).out;
+  EXPECT_LT(visibleTotal(with({"/maxincidenceangle", "30"}).out), visibleTotal(plain));
+
+  // The cap also covers the sensor from above: it is not on the surface, as
+  // far as the check can tell, and is never seen.
+  const auto occluded = with({"/sensors", "cube.stl", "/obstacles", "cap.stl"});
+  EXPECT_NE(occluded.err.find("WARNING: Input model point 6 doesn't seem to be on the supplied sensor surface at"),
+            std::string::npos);
+  EXPECT_NE(occluded.err.find("did not see sensor id 6\ndid not see sensor id 9\n"), std::string::npos);
+  for (const auto& row : rowsOf(occluded.out))
+    for (size_t i = 12; i < row.size(); ++i) EXPECT_NE(row[i], "6");
+  EXPECT_LT(visibleTotal(occluded.out), visibleTotal(plain));
 
   // The tilted rotor sees the same sensors, with other uncertainties.
-  const std::string tilted = with({"/srbtiltdegrees", "10"});
+  const std::string tilted = with({"/srbtiltdegrees", "10"}).out;
   EXPECT_EQ(visibleTotal(tilted), visibleTotal(plain));
   EXPECT_NE(tilted, plain);
 
-  const auto sensitivity = rowsOf(with({"/basestationsensitivity"}));
+  const auto sensitivity = rowsOf(with({"/basestationsensitivity"}).out);
   ASSERT_EQ(sensitivity.size(), 18u * 37u);
   for (const auto& row : sensitivity) {
     ASSERT_EQ(row.size(), 5u);
@@ -127,7 +120,9 @@ TEST(AnalysisRunEndToEnd, OptionsChangeTheTable) {
   }
 }
 
-TEST(AnalysisRunEndToEnd, ModelsAndGridsBeyondTheLimitsAreRefused) {
+// Each ends with status 1, nothing on the standard output and no script; a
+// message that does not end in a line end is only the start of the message.
+TEST(AnalysisRunEndToEnd, RefusalsAndOutputCutShort) {
   Fixture f;
   Constellation big;
   big.valid = true;
@@ -137,22 +132,31 @@ TEST(AnalysisRunEndToEnd, ModelsAndGridsBeyondTheLimitsAreRefused) {
     big.modelNormals.push_back({0, 0, 1});
   }
   testing::writeModelFile(f.dir.file("big.json"), big);
-  auto r = f.run({"/model", "big.json", "/angleresolutiondegrees", "10"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "Cannot analyse big.json: it has 33 sensors, and the tables take at most 32.\n");
+  const std::string cutShort = "Could not write the whole script to /dev/full.\n";
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"/model", "big.json", "/angleresolutiondegrees", "10"},
+       "Cannot analyse big.json: it has 33 sensors, and the tables take at most 32.\n"},
+      {{"/model", "m.json", "/angleresolutiondegrees", "0"},
+       "/angleresolutiondegrees must be a number of degrees above 0, not 0.\n"},
+      {{"/model", "m.json", "/angleresolutiondegrees", "0.01"},
+       "/angleresolutiondegrees 0.01 would make a table of about"},
+      {{"/model", "missing.json", "/outscad", "y.scad"}, "couldn't read missing.json: file is empty or does not exist\n"},
+      {{"/verifycoverage", "2000000", "/sensors", "cube.stl", "/outscad", "y.scad"},
+       "/verifycoverage 2000000 is more than the 1000000 placements that one preview can show.\n"},
+      {{"/model", "m.json", "/outscad", "/dev/full"}, cutShort},
+      {{"/verifycoverage", "5", "/sensors", "cube.stl", "/outscad", "/dev/full"}, cutShort},
+  };
+  for (const auto& [args, err] : cases) {
+    const auto r = f.run(args);
+    EXPECT_EQ(r.status, 1) << err;
+    EXPECT_EQ(r.out, "") << err;
+    if (err.back() == '\n')
+      EXPECT_EQ(r.err, err);
+    else
+      EXPECT_EQ(r.err.rfind(err, 0), 0u) << r.err;
+  }
+  EXPECT_FALSE(testing::fileExists(f.dir.file("y.scad")));
 
-  r = f.run({"/model", "m.json", "/angleresolutiondegrees", "0"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "/angleresolutiondegrees must be a number of degrees above 0, not 0.\n");
-  r = f.run({"/model", "m.json", "/angleresolutiondegrees", "0.01"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err.rfind("/angleresolutiondegrees 0.01 would make a table of about", 0), 0u) << r.err;
-}
-
-TEST(AnalysisRunEndToEnd, OutputCutShortIsAFailure) {
-  Fixture f;
   // A full disk under the table.
   const std::string command = "cd " + f.dir.path() + " && " + SENSORLAY_BINARY +
                               " /model m.json /angleresolutiondegrees 10 >/dev/full 2>err.txt";
@@ -160,13 +164,6 @@ TEST(AnalysisRunEndToEnd, OutputCutShortIsAFailure) {
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 1);
   EXPECT_NE(readFile(f.dir.file("err.txt")).find("The table could not be written in full"), std::string::npos);
-  // And under the scripts.
-  auto r = f.run({"/model", "m.json", "/outscad", "/dev/full"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "Could not write the whole script to /dev/full.\n");
-  r = f.run({"/verifycoverage", "5", "/sensors", "cube.stl", "/outscad", "/dev/full"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "Could not write the whole script to /dev/full.\n");
 }
 
 TEST(ModelConversionEndToEnd, ScriptWithoutTable) {
@@ -184,10 +181,6 @@ TEST(ModelConversionEndToEnd, ScriptWithoutTable) {
   script = readFile(f.dir.file("x.scad"));
   EXPECT_NE(script.find("import(\"cube.stl\""), std::string::npos);
   EXPECT_NE(script.find("import(\"cap.stl\""), std::string::npos);
-
-  r = f.run({"/model", "missing.json", "/outscad", "y.scad"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_FALSE(testing::fileExists(f.dir.file("y.scad")));
 }
 
 TEST(VerifyCoverageEndToEnd, PlacementsLieOnTheSurface) {
@@ -206,8 +199,6 @@ TEST(VerifyCoverageEndToEnd, PlacementsLieOnTheSurface) {
     float x, y, z;
     if (std::sscanf(line.c_str(), " [ [ %d, \"lime\" ], [ %f, %f, %f]", &c, &x, &y, &z) != 4) continue;
     EXPECT_EQ(c, channel++);
-    const float m = std::max({std::fabs(x), std::fabs(y), std::fabs(z)});
-    EXPECT_NEAR(m, 0.05f, 1e-5f);
     int onFace = 0;
     for (float v : {x, y, z}) {
       if (std::fabs(std::fabs(v) - 0.05f) < 1e-5f)
@@ -224,11 +215,6 @@ TEST(VerifyCoverageEndToEnd, PlacementsLieOnTheSurface) {
   script = readFile(f.dir.file("v.scad"));
   EXPECT_EQ(countOf(script, "\"lime\""), 0u);
   EXPECT_NE(script.find("sensors = [\n\n];"), std::string::npos);
-
-  r = f.run({"/verifycoverage", "2000000", "/sensors", "cube.stl", "/outscad", "w.scad"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "/verifycoverage 2000000 is more than the 1000000 placements that one preview can show.\n");
-  EXPECT_FALSE(testing::fileExists(f.dir.file("w.scad")));
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <locale>
 #include <sstream>
 #include <string>
 
@@ -98,7 +97,7 @@ TEST(DesignRun, EightSensorsAroundFiveFixedOnes) {
                 writeScad(designed, "box.stl", {}, 1.0, false, true));
 }
 
-TEST(DesignRun, EachOutputAloneAndTheScriptOpensInOpenScad) {
+TEST(DesignRun, EachOutputAloneAFullDiskAndOpenScad) {
   testing::TempDir dir;
   testing::writeStlBinary(dir.file("shell.stl"), testing::scaled(designBox(), 1000.0f));
   testing::writeStlBinary(dir.file("cap.stl"), testing::boxMesh({-20, -20, 40}, {20, 20, 60}));
@@ -122,6 +121,13 @@ TEST(DesignRun, EachOutputAloneAndTheScriptOpensInOpenScad) {
   EXPECT_NE(script.find("modelscale = 1.000000;"), std::string::npos);
   EXPECT_NE(script.find("import(\"shell.stl\", convexity = 4);\n     color(\"white\") import(\"cap.stl\""),
             std::string::npos);
+
+  // A model file cut short by a full disk ends the run with a message and
+  // status 1, before the analysis.
+  run = quickDesign(dir, {"/nsensors", "4", "/sensors", "shell.stl", "/outmodel", "/dev/full"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("\nCould not write the whole model file to /dev/full.\n"), std::string::npos) << run.err;
+  EXPECT_EQ(run.out, "");
 
   if (std::system("command -v openscad > /dev/null 2>&1") != 0) GTEST_SKIP() << "openscad is not installed";
   const std::string command = "cd '" + dir.path() + "' && openscad -o out.csg only.scad > openscad.log 2>&1";
@@ -153,18 +159,6 @@ TEST(DesignRun, LowersItsPriorityAndHandsOnTheDesign) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   testing::TempDir dir;
   EXPECT_EXIT(std::exit(designInProcess(dir.path())), ::testing::ExitedWithCode(19), "anneal duration: ");
-}
-
-// A file cut short by a full disk ends the run with a message and status 1,
-// before the analysis.
-TEST(DesignRun, ModelFileCutShort) {
-  if (!testing::fileExists("/dev/full")) GTEST_SKIP() << "no /dev/full";
-  testing::TempDir dir;
-  testing::writeStlBinary(dir.file("box.stl"), designBox());
-  const RunResult run = quickDesign(dir, {"/nsensors", "4", "/sensors", "box.stl", "/outmodel", "/dev/full"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("\nCould not write the whole model file to /dev/full.\n"), std::string::npos) << run.err;
-  EXPECT_EQ(run.out, "");
 }
 
 }  // namespace
