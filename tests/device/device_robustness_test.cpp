@@ -41,6 +41,9 @@ TEST(DeviceRobustness, EveryValueOfEveryType) {
   Json::Value deep(Json::arrayValue);
   deep.append(Json::Value(Json::arrayValue));
   deep[0].append(Json::Value(Json::objectValue));
+  // 3e38 is near the top of the float range. Beyond it a float field reads
+  // as infinity and is written as 1e+9999, which the reader then refuses: an
+  // open question for the record, not pinned here either way.
   const Json::Value replacements[] = {Json::Value("eEYE_RIGHT"), Json::Value(-1), Json::Value(4294967296.5),
                                       Json::Value(3e38), Json::Value(Json::arrayValue),
                                       Json::Value(Json::objectValue), Json::Value(), Json::Value(true), deep};
