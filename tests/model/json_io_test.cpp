@@ -4,6 +4,7 @@
 #include <json/json.h>
 
 #include <random>
+#include <tuple>
 
 namespace sensorlay {
 namespace {
@@ -55,28 +56,24 @@ TEST(JsonWriter, MatchesStyledWriterLayoutAtItsOwnMargin) {
   }
 }
 
+// At the wide margin an array stays on one line while 4 + 2 * (n - 1) plus
+// the widths of its n elements, and 3 * n, both stay below 160.
 TEST(JsonWriter, WideMarginKeepsLongerArraysOnOneLine) {
-  JsonOut row = JsonOut::array();
-  for (int i = 0; i < 30; ++i) row.append(1000 + i);
-  JsonOut root; root["a"] = row;
-  // 30 elements of 4 digits: 4 + 29*2 + 120 = 182 >= 160, so several lines.
-  EXPECT_NE(writeStyledJson(root).find("[\n"), std::string::npos);
-
-  JsonOut shortRow = JsonOut::array();
-  for (int i = 0; i < 20; ++i) shortRow.append(1000 + i);  // 4 + 38 + 80 = 122 columns
-  JsonOut root2; root2["a"] = shortRow;
-  const std::string text = writeStyledJson(root2);
-  EXPECT_EQ(text.find("[\n"), std::string::npos);
-  EXPECT_NE(text.find("[ 1000, 1001"), std::string::npos);
-
-  // 54 elements: size * 3 >= 160 forces one element a line whatever their width.
-  JsonOut many = JsonOut::array();
-  for (int i = 0; i < 54; ++i) many.append(0);
-  EXPECT_NE(writeStyledJson(many).find("[\n   0,\n"), std::string::npos);
-  // 50 one-digit elements make a line of 4 + 49*2 + 50 = 152 columns.
-  JsonOut fewer = JsonOut::array();
-  for (int i = 0; i < 50; ++i) fewer.append(0);
-  EXPECT_EQ(writeStyledJson(fewer).rfind("[ 0, 0", 0), 0u);
+  const std::tuple<int, int, bool> cases[] = {
+      {30, 1000, false},  // 4 + 58 + 120 = 182 columns
+      {20, 1000, true},   // 4 + 38 + 80 = 122 columns
+      {54, 0, false},     // 3 * 54 = 162, however narrow the elements
+      {50, 0, true},      // 4 + 98 + 50 = 152 columns
+  };
+  for (const auto& [count, first, oneLine] : cases) {
+    JsonOut row = JsonOut::array();
+    for (int i = 0; i < count; ++i) row.append(first ? first + i : 0);
+    JsonOut root;
+    root["a"] = row;
+    const std::string text = writeStyledJson(root);
+    EXPECT_EQ(text.find("[\n") == std::string::npos, oneLine) << count;
+    EXPECT_EQ(text.find("[ " + std::to_string(first) + ", ") != std::string::npos, oneLine) << count;
+  }
 }
 
 TEST(JsonWriter, NumbersKeepTheWidthOfTheirSource) {
@@ -106,18 +103,6 @@ TEST(JsonWriter, ModelLayout) {
             "      [ 0.707106769, 0, 0.707106769 ]\n   ]\n}\n");
   EXPECT_EQ(writeStyledJson(JsonOut()), "null\n");
   EXPECT_EQ(writeStyledJson(JsonOut::object()), "{}\n");
-}
-
-TEST(JsonReader, SurvivesGarbageAndDeepNesting) {
-  Json::Value root;
-  std::string errors;
-  EXPECT_TRUE(parseJsonText("// comment\n{ \"a\" : 1 }", root, errors));
-  EXPECT_EQ(root["a"].asInt(), 1);
-  EXPECT_FALSE(parseJsonText("{ \"a\" : ", root, errors));
-  EXPECT_FALSE(errors.empty());
-  EXPECT_FALSE(parseJsonText(std::string(100000, '['), root, errors));
-  EXPECT_FALSE(errors.empty());
-  EXPECT_FALSE(parseJsonText(std::string("\x00\xff\x13garbage", 10), root, errors));
 }
 
 }  // namespace
