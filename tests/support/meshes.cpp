@@ -53,15 +53,20 @@ namespace {
 // A grid of n x n quads spanning origin + u*[0,1] + v*[0,1], wound so that the
 // normal is u x v.
 void addGrid(Mesh& mesh, const Eigen::Vector3f& origin, const Eigen::Vector3f& u, const Eigen::Vector3f& v, int n) {
+  auto at = [&](int i, int j) -> Eigen::Vector3f { return origin + u * (float(i) / n) + v * (float(j) / n); };
   for (int i = 0; i < n; ++i)
     for (int j = 0; j < n; ++j) {
-      const Eigen::Vector3f p00 = origin + u * (float(i) / n) + v * (float(j) / n);
-      const Eigen::Vector3f p10 = origin + u * (float(i + 1) / n) + v * (float(j) / n);
-      const Eigen::Vector3f p01 = origin + u * (float(i) / n) + v * (float(j + 1) / n);
-      const Eigen::Vector3f p11 = origin + u * (float(i + 1) / n) + v * (float(j + 1) / n);
-      mesh.push_back(makeTriangle(p00, p10, p11));
-      mesh.push_back(makeTriangle(p00, p11, p01));
+      mesh.push_back(makeTriangle(at(i, j), at(i + 1, j), at(i + 1, j + 1)));
+      mesh.push_back(makeTriangle(at(i, j), at(i + 1, j + 1), at(i, j + 1)));
     }
+}
+
+// The mesh with f applied to every vertex; the file normals stay as they are.
+template <class F>
+Mesh mapped(const Mesh& m, F f) {
+  Mesh r(m);
+  for (auto& t : r) t = Triangle{f(t.a), f(t.b), f(t.c), t.normal};
+  return r;
 }
 
 }  // namespace
@@ -131,23 +136,11 @@ Mesh concat(const Mesh& a, const Mesh& b) {
 }
 
 Mesh translated(const Mesh& m, const Eigen::Vector3f& o) {
-  Mesh r(m);
-  for (auto& t : r) {
-    t.a += o;
-    t.b += o;
-    t.c += o;
-  }
-  return r;
+  return mapped(m, [&](const Eigen::Vector3f& v) -> Eigen::Vector3f { return v + o; });
 }
 
 Mesh scaled(const Mesh& m, float f) {
-  Mesh r(m);
-  for (auto& t : r) {
-    t.a *= f;
-    t.b *= f;
-    t.c *= f;
-  }
-  return r;
+  return mapped(m, [&](const Eigen::Vector3f& v) -> Eigen::Vector3f { return v * f; });
 }
 
 }  // namespace sensorlay::testing
