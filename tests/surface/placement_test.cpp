@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cmath>
 #include <csignal>
 
 #include "tests/support/surface_fixtures.h"

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "surface/coverage_evaluator.h"
 #include "tests/support/allocation_counter.h"
 #include "tests/support/surface_fixtures.h"
@@ -86,16 +88,66 @@ TEST(IsOnSurface, AcceptsFromFourMillimetresAboveToOneUnder) {
   EXPECT_FALSE(covered->isOnSurface({0.01f, 0.01f, 0}, -up));
 }
 
+SensorModel oneSensor(const V3& normal, double cosMaxIncidence = 0.5, const V3& point = V3::Zero()) {
+  Constellation c;
+  c.channelMap = {0};
+  c.modelPoints = {point};
+  c.modelNormals = {normal};
+  SensorModel model(c, ModelTransform());
+  model.cosMaxIncidence = cosMaxIncidence;
+  return model;
+}
+
+constexpr double kFront[7] = {0, 0, -2, 1, 0, 0, 0};  // 2 m in front of the station
+
+TEST(IsSensorVisible, OcclusionByTheSceneAndItsAbsence) {
+  TempDir dir;
+  const SensorModel model = oneSensor({0, 0, 1});
+  // The sensor's own plate lies under the lifted ray's start.
+  EXPECT_TRUE(isSensorVisible({&model, 0, buildSurface(dir, plateMesh(0.1f)).get()}, kFront));
+  auto covered = buildSurface(dir, plateMesh(0.1f), plateMesh(0.1f, 0.5f));
+  EXPECT_FALSE(isSensorVisible({&model, 0, covered.get()}, kFront));
+  EXPECT_TRUE(isSensorVisible({&model, 0, nullptr}, kFront));
+  // The ray does not stop at the station: a triangle beyond it occludes too.
+  auto beyond = buildSurface(dir, plateMesh(0.1f), plateMesh(1.0f, 3.0f));
+  EXPECT_FALSE(isSensorVisible({&model, 0, beyond.get()}, kFront));
+  // A record that points past the model's sensors is never visible.
+  EXPECT_FALSE(isSensorVisible({&model, 1, nullptr}, kFront));
+}
+
+TEST(IsSensorVisible, RotatedPoseCastsInObjectCoordinates) {
+  TempDir dir;
+  // The sensor faces +y; turning the object 90 degrees about x brings +y to +z,
+  // towards the station. An obstacle on the +y side then blocks the view.
+  const SensorModel model = oneSensor({0, 1, 0});
+  const double h = std::sqrt(0.5);
+  const double turned[7] = {0, 0, -2, h, h, 0, 0}, away[7] = {0, 0, -2, h, -h, 0, 0};
+  auto blocked = buildSurface(dir, plateMesh(0.1f), boxMesh({-0.05f, 0.4f, -0.05f}, {0.05f, 0.45f, 0.05f}));
+  auto other = buildSurface(dir, plateMesh(0.1f), boxMesh({-0.05f, -0.45f, -0.05f}, {0.05f, -0.4f, 0.05f}));
+  EXPECT_FALSE(isSensorVisible({&model, 0, blocked.get()}, turned));
+  EXPECT_TRUE(isSensorVisible({&model, 0, other.get()}, turned));
+  EXPECT_FALSE(isSensorVisible({&model, 0, nullptr}, kFront));  // across the line of sight
+  EXPECT_FALSE(isSensorVisible({&model, 0, nullptr}, away));
+}
+
+TEST(IsSensorVisible, IncidenceLimitIsStrict) {
+  for (const auto& [degrees, visible] : {std::pair{59.9, true}, std::pair{60.1, false}}) {
+    const double a = degrees * M_PI / 180.0;
+    const SensorModel model = oneSensor({float(std::sin(a)), 0, float(std::cos(a))}, std::cos(M_PI / 3));
+    EXPECT_EQ(isSensorVisible({&model, 0, nullptr}, kFront), visible) << degrees;
+  }
+  // A limit of 90 degrees leaves about 6e-17, which a grazing sensor does not exceed.
+  const SensorModel grazing = oneSensor({1, 0, 0}, std::cos(90.0 * 0.017453292519943295));
+  EXPECT_FALSE(isSensorVisible({&grazing, 0, nullptr}, kFront));
+  const SensorModel broken = oneSensor({std::nanf(""), 0, 1}, -2.0);
+  EXPECT_FALSE(isSensorVisible({&broken, 0, nullptr}, kFront));
+}
+
 TEST(RayQueries, AllocateNothing) {
   if (!allocationCountingAvailable()) GTEST_SKIP() << "the allocator is not ours to count";
   TempDir dir;
   auto s = buildSurface(dir, cubeMesh(0.1f, 8), translated(cubeMesh(0.02f), {0, 0, 0.2f}));
-  Constellation c;
-  c.channelMap = {0};
-  c.modelPoints = {V3(0, 0, 0.05f)};
-  c.modelNormals = {V3(0, 0, 1)};
-  SensorModel model(c, ModelTransform());
-  const double pose[7] = {0, 0, -2, 1, 0, 0, 0};
+  const SensorModel model = oneSensor({0, 0, 1}, 0.5, {0, 0, 0.05f});
 
   EXPECT_GT(countAllocations([] { std::vector<int> probe(3); }), 0);  // the counter works
 
@@ -104,7 +156,7 @@ TEST(RayQueries, AllocateNothing) {
               for (int i = 0; i < 1000; ++i) {
                 const V3 p(0.0001f * i - 0.05f, 0, 0.05f);
                 hits += s->castRay(p + V3(0, 0, 1), V3(0, 0, -1), 0, 2) + s->sensorFits(p, V3(0, 0, 1)) +
-                        s->isOnSurface(p, V3(0, 0, 1)) + isSensorVisible({&model, 0, s.get()}, pose);
+                        s->isOnSurface(p, V3(0, 0, 1)) + isSensorVisible({&model, 0, s.get()}, kFront);
               }
             }),
             0);
