@@ -1,13 +1,10 @@
 #include "tests/support/run_binary.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -17,28 +14,31 @@ namespace sensorlay::testing {
 
 namespace {
 
+// An unlinked temporary file, so that large outputs can't fill a pipe and
+// stall the child.
+int temporaryFd() {
+  char name[] = "/tmp/sl_stream_XXXXXX";
+  const int fd = mkstemp(name);
+  if (fd < 0) throw std::runtime_error("cannot make temporary files");
+  unlink(name);
+  return fd;
+}
+
+// Reads the whole file from its start and closes it.
 std::string slurpFd(int fd) {
   std::string out;
   lseek(fd, 0, SEEK_SET);
   char buffer[65536];
   ssize_t n;
   while ((n = read(fd, buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<size_t>(n));
+  close(fd);
   return out;
 }
 
 }  // namespace
 
 RunResult runSensorlay(const std::vector<std::string>& args, const std::string& workingDirectory) {
-  // Streams go to unlinked temporary files so that large outputs can't fill a
-  // pipe and stall the child.
-  char outName[] = "/tmp/sl_out_XXXXXX";
-  char errName[] = "/tmp/sl_err_XXXXXX";
-  int outFd = mkstemp(outName);
-  int errFd = mkstemp(errName);
-  if (outFd < 0 || errFd < 0) throw std::runtime_error("cannot make temporary files");
-  unlink(outName);
-  unlink(errName);
-
+  const int outFd = temporaryFd(), errFd = temporaryFd();
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
@@ -47,13 +47,12 @@ RunResult runSensorlay(const std::vector<std::string>& args, const std::string& 
     dup2(outFd, 1);
     dup2(errFd, 2);
     if (!workingDirectory.empty() && chdir(workingDirectory.c_str()) != 0) _exit(127);
-    std::vector<char*> argv;
-    std::string binary = SENSORLAY_BINARY;
-    argv.push_back(binary.data());
     std::vector<std::string> copies(args);
+    copies.insert(copies.begin(), SENSORLAY_BINARY);
+    std::vector<char*> argv;
     for (auto& a : copies) argv.push_back(a.data());
     argv.push_back(nullptr);
-    execv(binary.c_str(), argv.data());
+    execv(argv[0], argv.data());
     _exit(127);
   }
   int wstatus = 0;
@@ -65,8 +64,6 @@ RunResult runSensorlay(const std::vector<std::string>& args, const std::string& 
     result.status = 128 + WTERMSIG(wstatus);
   result.out = slurpFd(outFd);
   result.err = slurpFd(errFd);
-  close(outFd);
-  close(errFd);
   return result;
 }
 
@@ -94,8 +91,8 @@ void writeFile(const std::string& path, const std::string& content) {
 }
 
 bool fileExists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
+  std::error_code ec;
+  return std::filesystem::exists(path, ec);
 }
 
 }  // namespace sensorlay::testing
