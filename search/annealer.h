@@ -5,10 +5,12 @@
 #include <Eigen/Core>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "model/constellation.h"
 #include "surface/coverage_evaluator.h"
@@ -16,6 +18,7 @@
 namespace sensorlay {
 
 class TrackedSurface;
+class FastScorer;
 
 // Temperatures are in score units, the top of the score scale being 1000.
 constexpr double annealFullScale = 1000.0;
@@ -41,6 +44,10 @@ struct AnnealerOptions {
   // Replaces the clock seed of the trial generator, for reproducible runs.
   // The surface's own generator is fixed through TrackedSurface::seedGenerator.
   std::optional<uint32_t> annealSeed;
+  // Scores every trial from nothing with CoverageEvaluator::scorePlacement
+  // instead of rescoring only the moved sensor; the search is the same, only
+  // slower. For checks of the fast path.
+  bool useReferenceScore = false;
 };
 
 // The state of one search; lives only inside runAnnealer.
@@ -49,6 +56,7 @@ class Annealer {
   Annealer(SensorModel& model, TrackedSurface& surface, const std::string& qualityMapPath, int32_t nIterations,
            int32_t nOrientations, double coolingRate, double qualityRangeLow, double qualityRangeHigh,
            std::optional<uint32_t> seed = std::nullopt);
+  ~Annealer();
   Annealer(const Annealer&) = delete;
   Annealer& operator=(const Annealer&) = delete;
 
@@ -79,8 +87,21 @@ class Annealer {
   int32_t pickedSensor = -1;
   Eigen::Vector3d savedPoint = Eigen::Vector3d::Zero();
   Eigen::Vector3d savedNormal = Eigen::Vector3d::Zero();
+  // Set before anneal: every score through scorePlacement, nothing cached.
+  bool useReferenceScore = false;
+  // Called after each trial with the moved sensor, its score and whether it
+  // was kept; for tests that follow a search step by step.
+  std::function<void(int32_t sensor, double score, bool accepted)> trialObserver;
 
  private:
+  double scoreStart();
+  void reportReferenceBest();
+  std::unique_ptr<FastScorer> fastScorer;
+  // The sensors of the last snapshot in full precision, to score the best
+  // placement once more with scorePlacement at the end.
+  std::vector<Eigen::Vector3d> bestPoints;
+  std::vector<Eigen::Vector3d> bestNormals;
+
   void runTrial(double T, double& best, double& current, std::mt19937& acceptance, Constellation& result);
 };
 

@@ -1,0 +1,643 @@
+#include "quality/fast_score.h"
+
+#include <ceres/rotation.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "observation/sweep_model.h"
+#include "quality/score_scratch.h"
+#include "surface/coverage_evaluator.h"
+#include "surface/tracked_surface.h"
+#include "surface/worker_pool.h"
+
+namespace sensorlay {
+
+namespace {
+
+// The value of a sample with no usable answer, as in scorePlacement.
+constexpr double kNoAnswer = 2.0;
+
+// The most sensors one sample can weigh: two rows each in 64.
+constexpr int kMaxSeen = kMaxObservationRows / 2;
+
+// Samples per task of the worker pool: enough to pay for the hand-out, few
+// enough that two threads finish close together.
+constexpr int32_t kSamplesPerTask = 32;
+
+// The incidence pre-test works in object coordinates and rounds differently
+// from isSensorVisible; only a sensor this far below the limit is refused
+// without asking it.
+constexpr double kIncidenceMargin = 1e-7;
+
+// A sensor's share of a sample's information matrix in fixed point: the upper
+// triangle of r0 r0^T + r1 r1^T without the (0, 1) entry, then r0 and r1
+// without their zero entries (r0 has none in y, r1 none in x), then a count
+// of shares too large for the fixed point, and padding to 32.
+constexpr int kShareSize = 32;
+constexpr int kOuterEntries = 20;
+constexpr int kFirstRowAt = 20;
+constexpr int kSecondRowAt = 25;
+constexpr int kOversizedAt = 30;
+constexpr int kOuterIndex[kOuterEntries][2] = {{0, 0}, {0, 2}, {0, 3}, {0, 4}, {0, 5}, {1, 1}, {1, 2},
+                                               {1, 3}, {1, 4}, {1, 5}, {2, 2}, {2, 3}, {2, 4}, {2, 5},
+                                               {3, 3}, {3, 4}, {3, 5}, {4, 4}, {4, 5}, {5, 5}};
+constexpr int kFirstRowColumns[5] = {0, 2, 3, 4, 5};
+constexpr int kSecondRowColumns[5] = {1, 2, 3, 4, 5};
+
+// The largest fixed-point entry of one share: 64 of them still fit in 63 bits.
+constexpr double kEntryLimit = 72057594037927936.0;  // 2^56
+// Room above the largest row of the first placement, for sensors that move
+// to places with larger rows, where nothing better bounds them.
+constexpr double kEntryHeadroom = 4.0;
+
+}  // namespace
+
+StationRotation stationRotation(const double rotationVector[3]) {
+  StationRotation frame;
+  const PoseJet omega[3] = {PoseJet(rotationVector[0], 0), PoseJet(rotationVector[1], 1),
+                            PoseJet(rotationVector[2], 2)};
+  PoseJet q[4];
+  ceres::AngleAxisToQuaternion(omega, q);
+  for (int i = 0; i < 3; ++i) {
+    PoseJet unit[3] = {PoseJet(0.0), PoseJet(0.0), PoseJet(0.0)};
+    unit[i] = PoseJet(1.0);
+    PoseJet X[3];
+    ceres::UnitQuaternionRotatePoint(q, unit, X);
+    for (int c = 0; c < 3; ++c) {
+      frame.rotation[c * 3 + i] = X[c].a;
+      for (int j = 0; j < 3; ++j) frame.derivative[i * 9 + c * 3 + j] = X[c].v[j];
+    }
+  }
+  return frame;
+}
+
+void twoSweepRows(const StationRotation& frame, const double translation[3], const double point[3], double rows[12]) {
+  const double* R = frame.rotation;
+  const double px = point[0], py = point[1], pz = point[2];
+  const double x = R[0] * px + R[1] * py + R[2] * pz + translation[0];
+  const double y = R[3] * px + R[4] * py + R[5] * pz + translation[1];
+  const double z = R[6] * px + R[7] * py + R[8] * pz + translation[2];
+  // dX/domega, row c, column j.
+  double M[9];
+  const double* D = frame.derivative;
+  for (int e = 0; e < 9; ++e) M[e] = px * D[e] + py * D[9 + e] + pz * D[18 + e];
+
+  // The gradients of atan2(-z, x) and atan2(-z, -y) in X; the translation
+  // enters X with the identity.
+  const double inverse0 = 1.0 / (x * x + z * z);
+  const double g0x = z * inverse0, g0z = -x * inverse0;
+  const double inverse1 = 1.0 / (y * y + z * z);
+  const double g1y = -z * inverse1, g1z = y * inverse1;
+  rows[0] = g0x;
+  rows[1] = 0.0;
+  rows[2] = g0z;
+  rows[6] = 0.0;
+  rows[7] = g1y;
+  rows[8] = g1z;
+  for (int j = 0; j < 3; ++j) {
+    rows[3 + j] = g0x * M[j] + g0z * M[6 + j];
+    rows[9 + j] = g1y * M[3 + j] + g1z * M[6 + j];
+  }
+}
+
+struct FastScorer::SampleFrame {
+  double quaternion[4];      // the sample's, w x y z, as the visibility test takes it
+  double rotationVector[3];  // as the Jacobian takes it
+  StationRotation station;
+  double weight;
+  bool skipped;  // weight not above 0
+};
+
+struct FastScorer::TaskCounts {
+  int64_t evaluated = 0;
+  int64_t reference = 0;
+  uint64_t seen = 0;  // sensors seen in the task's samples
+};
+
+FastScorer::FastScorer(CoverageEvaluator& evaluator) : evaluator_(evaluator) {}
+
+FastScorer::~FastScorer() = default;
+
+void FastScorer::ensureScratch(int workers) {
+  while (static_cast<int>(scratch_.size()) < workers) scratch_.push_back(std::make_unique<ScoreScratch>());
+}
+
+int64_t* FastScorer::shareOf(int32_t sensor, int32_t s, int slot) {
+  const size_t at = (static_cast<size_t>(sensor) * static_cast<size_t>(sampleCount_) + static_cast<size_t>(s)) * 2 +
+                    static_cast<size_t>(slot);
+  return shares_.data() + at * kShareSize;
+}
+
+int64_t* FastScorer::totalOf(int32_t s, int slot) {
+  return totals_.data() + (static_cast<size_t>(s) * 2 + static_cast<size_t>(slot)) * kShareSize;
+}
+
+// Runs task(first, end, worker, counts) for consecutive blocks of samples on
+// the worker pool.
+template <class Task>
+void FastScorer::forEachTask(Task&& task) {
+  WorkerPool& pool = defaultWorkerPool();
+  ensureScratch(pool.size());
+  const int32_t tasks = static_cast<int32_t>(taskCounts_.size());
+  pool.run(tasks, [&](int index, int worker) {
+    TaskCounts& counts = taskCounts_[static_cast<size_t>(index)];
+    counts = TaskCounts();
+    task(index * kSamplesPerTask, std::min(sampleCount_, (index + 1) * kSamplesPerTask), worker, counts);
+  });
+}
+
+// A sensor as the incidence pre-test sees it.
+struct FastScorer::FacingTest {
+  double point[3];
+  double normal[3];
+  double threshold;  // the incidence limit less the margin
+
+  FacingTest(const SensorModel& model, int32_t sensor) {
+    const Eigen::Vector3d& p = model.points[static_cast<size_t>(sensor)];
+    const Eigen::Vector3d& n = model.normals[static_cast<size_t>(sensor)];
+    for (int c = 0; c < 3; ++c) point[c] = p[c], normal[c] = n[c];
+    threshold = model.cosMaxIncidence - kIncidenceMargin * (1.0 + n.norm());
+  }
+
+  // False only when the sensor is certainly beyond the incidence limit at a
+  // sample, whose translation in object coordinates is `v`: R n . -(R p + t)
+  // / |R p + t| is n . -(p + R^T t) / |p + R^T t|. Anything not-a-number
+  // passes, to the full test.
+  bool mayFace(const double* v) const {
+    const double dx = point[0] + v[0], dy = point[1] + v[1], dz = point[2] + v[2];
+    const double facing = -(normal[0] * dx + normal[1] * dy + normal[2] * dz);
+    return !(facing < threshold * std::sqrt(dx * dx + dy * dy + dz * dz));
+  }
+};
+
+bool FastScorer::visible(int32_t s, int32_t sensor, const FacingTest& facing) const {
+  if (!facing.mayFace(objectTranslations_.data() + static_cast<size_t>(s) * 4)) return false;
+  const SampleFrame& f = frames_[static_cast<size_t>(s)];
+  const double pose[7] = {translation_[0], translation_[1], translation_[2], f.quaternion[0],
+                          f.quaternion[1], f.quaternion[2], f.quaternion[3]};
+  return isSensorVisible(evaluator_.observations->visibilityTests[static_cast<size_t>(sensor)], pose);
+}
+
+void FastScorer::sensorRows(int32_t s, int32_t sensor, double rows[12]) const {
+  twoSweepRows(frames_[static_cast<size_t>(s)].station, translation_,
+               evaluator_.model->points[static_cast<size_t>(sensor)].data(), rows);
+  for (int j = 3; j < 6; ++j) {
+    rows[j] *= rotationScale_;
+    rows[6 + j] *= rotationScale_;
+  }
+}
+
+void FastScorer::quantizeShare(const double rows[12], int64_t share[]) const {
+  const double* r0 = rows;
+  const double* r1 = rows + 6;
+  double values[kOversizedAt];
+  for (int e = 0; e < kOuterEntries; ++e) {
+    const int i = kOuterIndex[e][0], j = kOuterIndex[e][1];
+    values[e] = r0[i] * r0[j] + r1[i] * r1[j];
+  }
+  for (int e = 0; e < 5; ++e) {
+    values[kFirstRowAt + e] = r0[kFirstRowColumns[e]];
+    values[kSecondRowAt + e] = r1[kSecondRowColumns[e]];
+  }
+  bool fits = true;
+  for (int e = 0; e < kOversizedAt; ++e) {
+    const double v = values[e] * fixedScale_;
+    // Also false for not-a-number.
+    fits = fits && std::fabs(v) <= kEntryLimit;
+    // Truncation, the plain conversion: any fixed rule serves, as long as a
+    // share is always the same number for the same rows.
+    share[e] = fits ? static_cast<int64_t>(v) : 0;
+  }
+  if (!fits) {
+    // Left out of the sums; a sample that sees this sensor goes to the
+    // reference computation instead.
+    std::fill(share, share + kShareSize, 0);
+    share[kOversizedAt] = 1;
+    return;
+  }
+  share[kOversizedAt] = 0;
+  share[kOversizedAt + 1] = 0;
+}
+
+double FastScorer::referenceValue(int32_t s, uint64_t mask, int worker) {
+  // The steps of scorePlacement for one sample, on this worker's buffers and
+  // with the visible sensors given by `mask` instead of the shared bit list.
+  const SampleFrame& f = frames_[static_cast<size_t>(s)];
+  ScoreScratch& scratch = *scratch_[static_cast<size_t>(worker)];
+  const SweepObservationSet& set = *evaluator_.observations;
+  const int32_t rows = 2 * static_cast<int32_t>(__builtin_popcountll(mask));
+
+  ScoreScratch::Jacobian& J = scratch.jacobian;
+  J.setZero(rows, 6);
+  const double parameters[6] = {translation_[0],     translation_[1],     translation_[2],
+                                f.rotationVector[0], f.rotationVector[1], f.rotationVector[2]};
+  PoseJet pose[6];
+  for (int k = 0; k < 6; ++k) pose[k] = PoseJet(parameters[k], k);
+  PoseJet stationPose[7] = {pose[0], pose[1], pose[2], PoseJet(1.0), PoseJet(0.0), PoseJet(0.0), PoseJet(0.0)};
+  ceres::AngleAxisToQuaternion(pose + 3, stationPose + 3);
+  bool ok = true;
+  int32_t row = 0;
+  for (uint64_t m = mask; m != 0; m &= m - 1) {
+    const int sensor = __builtin_ctzll(m);
+    PoseJet pair[2];
+    if (sweepAngles(set.sensorSweeps[static_cast<size_t>(sensor)], stationPose, pair)) {
+      for (int c = 0; c < 6; ++c) {
+        J(row, c) = pair[0].v[c];
+        J(row + 1, c) = pair[1].v[c];
+      }
+    } else {
+      ok = false;
+    }
+    row += 2;
+  }
+  // A failed evaluation writes nothing, and J stays zero.
+  if (!ok) J.setZero();
+
+  const auto W = evaluator_.measurementInformation.topLeftCorner(rows, rows);
+  scratch.weightedTranspose.noalias() = J.transpose() * W;
+  scratch.information.noalias() = scratch.weightedTranspose * J;
+  scratch.lu.compute(scratch.information);
+  Eigen::MatrixXd& C = scratch.covariance;
+  C.setZero();
+  const auto& permutation = scratch.lu.permutationP().indices();
+  for (int i = 0; i < 6; ++i) C(permutation(i), i) = 1.0;
+  scratch.lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(C);
+  scratch.lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(C);
+  const double x = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2)) + std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
+  return std::isnan(x) ? kNoAnswer
+                       : std::tanh(evaluator_.qualityGain * x + evaluator_.qualityBias) + evaluator_.qualityBase;
+}
+
+double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, int worker, bool& reference) {
+  const SampleFrame& f = frames_[static_cast<size_t>(s)];
+  reference = false;
+  const int seen = __builtin_popcountll(mask);
+  // Unweighted, as in scorePlacement.
+  if (seen == 0) return kNoAnswer;
+  if (seen > kMaxSeen) return kNoAnswer * f.weight;
+  if (seen < 3 || total[kOversizedAt] != 0) {
+    reference = true;
+    return referenceValue(s, mask, worker) * f.weight;
+  }
+
+  // A = J^T W J = (S - g (a a^T + b b^T)) / s2, with S the sum of the rows'
+  // outer products and a, b the sums of the first and the second rows. The
+  // 1 / s2 is applied to the variances at the end.
+  const double unit = 1.0 / fixedScale_;
+  double a[6] = {}, b[6] = {};
+  for (int e = 0; e < 5; ++e) {
+    a[kFirstRowColumns[e]] = static_cast<double>(total[kFirstRowAt + e]) * unit;
+    b[kSecondRowColumns[e]] = static_cast<double>(total[kSecondRowAt + e]) * unit;
+  }
+  double A[6][6];
+  A[0][1] = A[1][0] = -kSharedAngleShare * (a[0] * a[1] + b[0] * b[1]);
+  for (int e = 0; e < kOuterEntries; ++e) {
+    const int i = kOuterIndex[e][0], j = kOuterIndex[e][1];
+    A[i][j] = A[j][i] = static_cast<double>(total[e]) * unit - kSharedAngleShare * (a[i] * a[j] + b[i] * b[j]);
+  }
+
+  // LDL^T. A pivot that is small against its diagonal entry means the
+  // columns are close to dependent: the reference's LU decides those.
+  double L[6][6];
+  double d[6], inverseD[6];
+  for (int j = 0; j < 6; ++j) {
+    double LD[6];  // L[j][k] d[k]
+    double pivot = A[j][j];
+    for (int k = 0; k < j; ++k) {
+      LD[k] = L[j][k] * d[k];
+      pivot -= L[j][k] * LD[k];
+    }
+    if (!(pivot > kPivotFloor * A[j][j])) {
+      reference = true;
+      return referenceValue(s, mask, worker) * f.weight;
+    }
+    d[j] = pivot;
+    inverseD[j] = 1.0 / pivot;
+    for (int i = j + 1; i < 6; ++i) {
+      double v = A[i][j];
+      for (int k = 0; k < j; ++k) v -= L[i][k] * LD[k];
+      L[i][j] = v * inverseD[j];
+    }
+  }
+  // diag(A^-1) from the unit lower inverse: (A^-1)_ii = sum_r (L^-1)_ri^2 / d_r.
+  double variance[6];
+  for (int i = 0; i < 6; ++i) {
+    double column[6];
+    column[i] = 1.0;
+    double sum = inverseD[i];
+    for (int r = i + 1; r < 6; ++r) {
+      double v = 0.0;
+      for (int k = i; k < r; ++k) v -= L[r][k] * column[k];
+      column[r] = v;
+      sum += v * v * inverseD[r];
+    }
+    variance[i] = sum * kAngleVariance;
+  }
+  // The rotation columns were scaled up by rotationScale_ before the sums.
+  const double rotationUnit = rotationScale_ * rotationScale_;
+  const double x = std::sqrt(variance[0] + variance[1] + variance[2]) +
+                   std::sqrt((variance[3] + variance[4] + variance[5]) * rotationUnit);
+  const double value = std::isnan(x)
+                           ? kNoAnswer
+                           : std::tanh(evaluator_.qualityGain * x + evaluator_.qualityBias) + evaluator_.qualityBase;
+  return value * f.weight;
+}
+
+void FastScorer::evaluateMove(int32_t first, int32_t end, int32_t sensor, int worker, TaskCounts& counts) {
+  const uint64_t bit = uint64_t{1} << sensor;
+  const size_t sensorBase = static_cast<size_t>(sensor) * static_cast<size_t>(sampleCount_);
+  const FacingTest facing(*evaluator_.model, sensor);
+  // First the visibility of the moved sensor in the whole block. A sample
+  // where it is unseen before and after keeps its term bit for bit; for the
+  // others the cached data is fetched ahead, while the rays of the rest run.
+  uint64_t seenAfter = 0, changed = 0;
+  for (int32_t s = first; s < end; ++s) {
+    const size_t at = static_cast<size_t>(s);
+    touched_[at] = 0;
+    if (objectTranslations_[at * 4 + 3] != 0.0) continue;  // skipped
+    const bool before = (masks_[at] & bit) != 0;
+    const bool after = visible(s, sensor, facing);
+    if (!before && !after) continue;
+    const uint64_t flag = uint64_t{1} << (s - first);
+    changed |= flag;
+    if (after) seenAfter |= flag;
+    const int64_t* total = totalOf(s, 0);
+    for (int line = 0; line < 2 * kShareSize * 8; line += 64)
+      __builtin_prefetch(reinterpret_cast<const char*>(total) + line, 1);
+    const int64_t* share = shareOf(sensor, s, 0);
+    for (int line = 0; line < 2 * kShareSize * 8; line += 64)
+      __builtin_prefetch(reinterpret_cast<const char*>(share) + line, 1);
+  }
+
+  for (uint64_t m = changed; m != 0; m &= m - 1) {
+    const int32_t s = first + __builtin_ctzll(m);
+    const size_t at = static_cast<size_t>(s);
+    const bool after = (seenAfter >> (s - first) & 1) != 0;
+    const bool before = (masks_[at] & bit) != 0;
+    touched_[at] = 1;
+    previousMasks_[at] = masks_[at];
+    previousTerms_[at] = terms_[at];
+
+    // The new sum in the free slot: the old one, less the sensor's old share,
+    // plus its new one. Exact in fixed point, so the sum is the same as if it
+    // had been added up from nothing.
+    const int64_t* oldTotal = totalOf(s, totalSlot_[at]);
+    int64_t* total = totalOf(s, totalSlot_[at] ^ 1);
+    if (before) {
+      const int64_t* share = shareOf(sensor, s, rowSlot_[sensorBase + at]);
+      for (int e = 0; e < kShareSize; ++e) total[e] = oldTotal[e] - share[e];
+    } else {
+      std::copy_n(oldTotal, kShareSize, total);
+    }
+    if (after) {
+      double rows[12];
+      sensorRows(s, sensor, rows);
+      int64_t* share = shareOf(sensor, s, rowSlot_[sensorBase + at] ^ 1);
+      quantizeShare(rows, share);
+      for (int e = 0; e < kShareSize; ++e) total[e] += share[e];
+      counts.seen |= bit;
+    }
+    const uint64_t mask = after ? (masks_[at] | bit) : (masks_[at] & ~bit);
+    masks_[at] = mask;
+    bool reference = false;
+    terms_[at] = sampleTerm(s, mask, total, worker, reference);
+    ++counts.evaluated;
+    counts.reference += reference ? 1 : 0;
+  }
+}
+
+void FastScorer::evaluateSampleFully(int32_t s, int worker, TaskCounts& counts) {
+  const size_t at = static_cast<size_t>(s);
+  int64_t* total = totalOf(s, 0);
+  std::fill(total, total + kShareSize, 0);
+  totalSlot_[at] = 0;
+  if (frames_[at].skipped) return;
+  const uint64_t mask = masks_[at];
+  for (uint64_t m = mask; m != 0; m &= m - 1) {
+    const int32_t k = __builtin_ctzll(m);
+    double rows[12];
+    sensorRows(s, k, rows);
+    rowSlot_[static_cast<size_t>(k) * static_cast<size_t>(sampleCount_) + at] = 0;
+    int64_t* share = shareOf(k, s, 0);
+    quantizeShare(rows, share);
+    for (int e = 0; e < kShareSize; ++e) total[e] += share[e];
+  }
+  counts.seen |= mask;
+  bool reference = false;
+  terms_[at] = sampleTerm(s, mask, total, worker, reference);
+  ++counts.evaluated;
+  counts.reference += reference ? 1 : 0;
+}
+
+void FastScorer::finish(int32_t movedSensor) {
+  // What scorePlacement leaves behind besides the score: every sensor seen
+  // in some sample marked as ever visible, and the bit list and the pose of
+  // the last sample that was not skipped.
+  int64_t evaluated = 0, reference = 0;
+  uint64_t seen = 0;
+  for (const TaskCounts& counts : taskCounts_) {
+    evaluated += counts.evaluated;
+    reference += counts.reference;
+    seen |= counts.seen;
+  }
+  lastEvaluated_ = evaluated;
+  lastReference_ = reference;
+
+  SweepObservationSet& set = *evaluator_.observations;
+  for (int32_t k = 0; k < sensorCount_; ++k)
+    if (seen >> k & 1) set.everVisible[static_cast<size_t>(k)] = true;
+  if (lastSample_ < 0) return;
+
+  const SampleFrame& f = frames_[static_cast<size_t>(lastSample_)];
+  const uint64_t mask = masks_[static_cast<size_t>(lastSample_)];
+  for (int32_t k = 0; k < sensorCount_; ++k) set.visibleNow[static_cast<size_t>(k)] = (mask >> k & 1) != 0;
+  for (int i = 0; i < 4; ++i) evaluator_.pose[static_cast<size_t>(3 + i)] = f.quaternion[i];
+  const int seenThere = __builtin_popcountll(mask);
+  if (seenThere >= 1 && seenThere <= kMaxSeen)
+    for (int i = 0; i < 3; ++i) evaluator_.pose[static_cast<size_t>(3 + i)] = f.rotationVector[i];
+}
+
+namespace {
+
+// The power of two nearest to `value`, or 1 for anything but a positive
+// finite number.
+double nearestPowerOfTwo(double value) {
+  if (!(value > 0.0) || !std::isfinite(value)) return 1.0;
+  return std::ldexp(1.0, static_cast<int>(std::lround(std::log2(value))));
+}
+
+}  // namespace
+
+void FastScorer::chooseScales(double translationSize, double rotationSize) {
+  // Bounds on the rows over every place a sensor can take: on the surface
+  // (or where the model's sensors are now) within `reach` of the origin, a
+  // sensor has x^2 + z^2 and y^2 + z^2 of at least (d - reach)^2, d being the
+  // translation's distance from the y and the x axis, and the derivative of
+  // R p by the rotation vector is no longer than |p|. So the translation
+  // entries stay below 1 / (d - reach) and the rotation entries below
+  // reach / (d - reach). Scales set from these hold for every placement of
+  // the search, and the score is then a function of the placement alone.
+  double reach = 0.0;
+  for (const Eigen::Vector3d& p : evaluator_.model->points) reach = std::max(reach, p.norm());
+  if (evaluator_.surface != nullptr) {
+    const auto& vertices = evaluator_.surface->vertices;
+    for (Eigen::Index v = 0; v < vertices.rows(); ++v)
+      reach = std::max(reach, static_cast<double>(vertices.row(v).cast<double>().norm()));
+  }
+  const double t0 = std::hypot(translation_[0], translation_[2]);
+  const double t1 = std::hypot(translation_[1], translation_[2]);
+  const double clearance = std::min(t0, t1) - reach;
+  if (clearance > 0.0 && reach > 0.0 && std::isfinite(clearance) && std::isfinite(reach)) {
+    translationSize = 1.0 / clearance;
+    rotationSize = reach / clearance;
+  } else {
+    // No such bound (a sensor reaches the station's axes): the rows of the
+    // present placement with room to grow; a share that outgrows it goes to
+    // the reference computation.
+    translationSize *= kEntryHeadroom;
+    rotationSize *= kEntryHeadroom;
+  }
+  // Rotation columns brought to the size of the translation columns.
+  rotationScale_ = rotationSize > 0.0 ? nearestPowerOfTwo(translationSize / rotationSize) : 1.0;
+  const double rowSize = std::max(translationSize, rotationSize * rotationScale_);
+  // A share holds rows and sums of two products of rows; twice that for
+  // safety.
+  const double entrySize = 2.0 * std::max(rowSize, 2.0 * rowSize * rowSize);
+  fixedScale_ = entrySize > 0.0 && std::isfinite(entrySize)
+                    ? std::ldexp(1.0, static_cast<int>(std::floor(std::log2(kEntryLimit / entrySize))))
+                    : std::ldexp(1.0, 50);
+}
+
+double FastScorer::scoreAll() {
+  openSensor_ = -1;
+  const SweepObservationSet* set = evaluator_.observations.get();
+  const SensorModel* model = evaluator_.model;
+  incremental_ = set != nullptr && model != nullptr && set->sensorSweeps.size() == set->visibilityTests.size() &&
+                 set->visibilityTests.size() <= 64 && model->points.size() == set->visibilityTests.size() &&
+                 model->normals.size() == model->points.size() && set->everVisible.size() == model->points.size() &&
+                 set->visibleNow.size() == model->points.size();
+  for (size_t k = 0; incremental_ && k < set->visibilityTests.size(); ++k) {
+    const SensorSweep& sweep = set->sensorSweeps[k];
+    const SensorVisibilityTest& test = set->visibilityTests[k];
+    incremental_ = sweep.sweepKind == 1 && sweep.model == model && test.model == model &&
+                   sweep.sensorIndex == static_cast<int32_t>(k) && test.sensorIndex == static_cast<int32_t>(k);
+  }
+  if (!incremental_) {
+    lastEvaluated_ = lastReference_ = 0;
+    return evaluator_.scorePlacement();
+  }
+
+  sensorCount_ = static_cast<int32_t>(set->visibilityTests.size());
+  sampleCount_ = static_cast<int32_t>(evaluator_.samples.size());
+  for (int i = 0; i < 3; ++i) translation_[i] = evaluator_.pose[static_cast<size_t>(i)];
+
+  const size_t n = static_cast<size_t>(sampleCount_);
+  frames_.resize(n);
+  objectTranslations_.assign(n * 4, 0.0);
+  lastSample_ = -1;
+  for (size_t s = 0; s < n; ++s) {
+    const OrientationSample& sample = evaluator_.samples[s];
+    SampleFrame& f = frames_[s];
+    std::copy(sample.quaternion, sample.quaternion + 4, f.quaternion);
+    std::copy(sample.rotationVector, sample.rotationVector + 3, f.rotationVector);
+    f.weight = sample.weight;
+    f.skipped = 0.0 >= sample.weight;
+    if (!f.skipped) lastSample_ = static_cast<int32_t>(s);
+    // The translation in object coordinates: the conjugate rotation of t.
+    const double conjugate[4] = {f.quaternion[0], -f.quaternion[1], -f.quaternion[2], -f.quaternion[3]};
+    ceres::UnitQuaternionRotatePoint(conjugate, translation_, objectTranslations_.data() + s * 4);
+    objectTranslations_[s * 4 + 3] = f.skipped ? 1.0 : 0.0;
+    f.station = stationRotation(f.rotationVector);
+  }
+
+  const size_t sensors = static_cast<size_t>(sensorCount_);
+  shares_.assign(sensors * n * 2 * kShareSize, 0);
+  rowSlot_.assign(sensors * n, 0);
+  totals_.assign(n * 2 * kShareSize, 0);
+  totalSlot_.assign(n, 0);
+  masks_.assign(n, 0);
+  terms_.assign(n, 0.0);
+  previousMasks_.assign(n, 0);
+  previousTerms_.assign(n, 0.0);
+  touched_.assign(n, 0);
+  taskCounts_.assign(static_cast<size_t>((sampleCount_ + kSamplesPerTask - 1) / kSamplesPerTask), TaskCounts());
+
+  // First which sensors each sample sees, and the size of their rows.
+  std::vector<double> largest(n * 2, 0.0);
+  rotationScale_ = 1.0;
+  forEachTask([&](int32_t first, int32_t end, int, TaskCounts&) {
+    for (int32_t s = first; s < end; ++s) {
+      const size_t at = static_cast<size_t>(s);
+      if (frames_[at].skipped) continue;
+      uint64_t mask = 0;
+      for (int32_t k = 0; k < sensorCount_; ++k) {
+        if (!visible(s, k, FacingTest(*evaluator_.model, k))) continue;
+        mask |= uint64_t{1} << k;
+        double rows[12];
+        sensorRows(s, k, rows);
+        for (int j = 0; j < 6; ++j) {
+          double& slot = largest[at * 2 + (j < 3 ? 0 : 1)];
+          slot = std::max(slot, std::max(std::fabs(rows[j]), std::fabs(rows[6 + j])));
+        }
+      }
+      masks_[at] = mask;
+    }
+  });
+  double translationSize = 0.0, rotationSize = 0.0;
+  for (size_t s = 0; s < n; ++s) {
+    translationSize = std::max(translationSize, largest[s * 2]);
+    rotationSize = std::max(rotationSize, largest[s * 2 + 1]);
+  }
+  chooseScales(translationSize, rotationSize);
+
+  forEachTask([this](int32_t first, int32_t end, int worker, TaskCounts& counts) {
+    for (int32_t s = first; s < end; ++s) evaluateSampleFully(s, worker, counts);
+  });
+  finish(-1);
+  return sumTerms();
+}
+
+double FastScorer::scoreMove(int32_t sensor) {
+  if (!incremental_) return evaluator_.scorePlacement();
+  if (openSensor_ >= 0) accept();
+  openSensor_ = sensor;
+  forEachTask([this, sensor](int32_t first, int32_t end, int worker, TaskCounts& counts) {
+    evaluateMove(first, end, sensor, worker, counts);
+  });
+  finish(sensor);
+  return sumTerms();
+}
+
+double FastScorer::sumTerms() const {
+  // In sample order on this thread, as scorePlacement adds them. A skipped
+  // sample holds +0.0, which leaves any sum that does not start at -0.0 as
+  // it is, and this one starts at +0.0 and so never becomes -0.0.
+  double sum = 0.0;
+  for (const double term : terms_) sum += term;
+  return sum * evaluator_.scoreScale;
+}
+
+void FastScorer::accept() {
+  if (openSensor_ < 0) return;
+  const uint64_t bit = uint64_t{1} << openSensor_;
+  const size_t base = static_cast<size_t>(openSensor_) * static_cast<size_t>(sampleCount_);
+  for (size_t s = 0; s < touched_.size(); ++s) {
+    if (!touched_[s]) continue;
+    totalSlot_[s] ^= 1;
+    if (masks_[s] & bit) rowSlot_[base + s] ^= 1;
+  }
+  openSensor_ = -1;
+}
+
+void FastScorer::reject() {
+  if (openSensor_ < 0) return;
+  for (size_t s = 0; s < touched_.size(); ++s) {
+    if (!touched_[s]) continue;
+    masks_[s] = previousMasks_[s];
+    terms_[s] = previousTerms_[s];
+  }
+  openSensor_ = -1;
+}
+
+}  // namespace sensorlay

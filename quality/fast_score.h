@@ -1,0 +1,147 @@
+#pragma once
+// The placement score for a search that moves one sensor at a time. It gives
+// the value of CoverageEvaluator::scorePlacement, but keeps per sample which
+// sensors are seen and what each adds to the information matrix, so that a
+// trial recomputes only the moved sensor, and only in the samples where that
+// sensor is seen before or after the move.
+//
+// The per-sample sums are kept in fixed point, where adding and taking away a
+// sensor's share is exact: every sample's term is a function of the placement
+// alone, never of the moves that led to it, and the terms are added on the
+// calling thread in sample order, so the score depends neither on the history
+// nor on the number of threads. A sample that sees fewer than 3 sensors, or
+// whose information matrix is close to singular, goes through the reference's
+// own computation, so that the rounding inside a singular LU decides it
+// exactly as it does there.
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace sensorlay {
+
+class CoverageEvaluator;
+struct ScoreScratch;
+
+// The station-frame rotation R(omega) of a rotation vector, formed the way the
+// Jacobian forms it, and its derivatives with respect to the vector's three
+// numbers: derivative[i * 9 + c * 3 + j] = d(R e_i)_c / d omega_j. A sensor's
+// place R p + t and its derivatives are linear in p, so these serve every
+// sensor of a sample.
+struct StationRotation {
+  double rotation[9];  // row-major
+  double derivative[27];
+};
+StationRotation stationRotation(const double rotationVector[3]);
+
+// The two rows of the two-sweep station's Jacobian for a sensor at `point`,
+// atan2(-z, x) and atan2(-z, -y) of X = R p + t, in closed form: columns 0 to
+// 2 the translation, 3 to 5 the rotation vector.
+void twoSweepRows(const StationRotation& frame, const double translation[3], const double point[3], double rows[12]);
+
+// The noise model as the fast path uses it: the top-left block of any size of
+// CoverageEvaluator::measurementInformation is (I - g (e e^T + o o^T)) / s2,
+// with e and o the indicators of the even and the odd rows.
+constexpr double kAngleVariance = 2.2206609902451057e-9;                                                     // s2
+constexpr double kSharedAngleVariance = 1.579136704174297e-10;                                               // t2
+constexpr double kSharedAngleShare = kSharedAngleVariance / (kAngleVariance + 32.0 * kSharedAngleVariance);  // g
+
+class FastScorer {
+ public:
+  // The evaluator must be fully configured (model, surface, samples, curve)
+  // before scoreAll, and must outlive the scorer.
+  explicit FastScorer(CoverageEvaluator& evaluator);
+  ~FastScorer();
+  FastScorer(const FastScorer&) = delete;
+  FastScorer& operator=(const FastScorer&) = delete;
+
+  // Scores the present placement from nothing and caches it. Reads the
+  // samples, the curve, the translation of the evaluator's pose and the
+  // sensors anew; this is the set-up, and the only call that allocates.
+  double scoreAll();
+  // Scores the placement after `sensor` (an index into the model's points)
+  // has been written to the model. A trial left open by an earlier call is
+  // accepted first.
+  double scoreMove(int32_t sensor);
+  // Keeps the last scoreMove as the cached state.
+  void accept();
+  // Forgets the last scoreMove; the caller puts the sensor back in the model.
+  void reject();
+
+  // False when the evaluator has a set-up that the cache does not cover (a
+  // sweep kind other than the two-sweep station, more than 64 sensors, or
+  // sensor records that are not numbered like the model's points); every
+  // call then runs scorePlacement itself. Known after scoreAll.
+  bool incremental() const { return incremental_; }
+
+  // Of the last call: the samples evaluated (all of them in scoreAll, those
+  // where the moved sensor is seen before or after in scoreMove), and how
+  // many of those went through the reference computation.
+  int64_t lastEvaluatedSamples() const { return lastEvaluated_; }
+  int64_t lastReferenceSamples() const { return lastReference_; }
+
+  // A pivot of the LDL^T decomposition at or below this share of its diagonal
+  // entry sends the sample to the reference computation.
+  static constexpr double kPivotFloor = 1e-7;
+
+ private:
+  struct SampleFrame;
+  struct TaskCounts;
+  struct FacingTest;
+
+  void evaluateSampleFully(int32_t s, int worker, TaskCounts& counts);
+  void evaluateMove(int32_t first, int32_t end, int32_t sensor, int worker, TaskCounts& counts);
+  void sensorRows(int32_t s, int32_t sensor, double rows[12]) const;
+  void quantizeShare(const double rows[12], int64_t share[]) const;
+  double sampleTerm(int32_t s, uint64_t mask, const int64_t* total, int worker, bool& reference);
+  double referenceValue(int32_t s, uint64_t mask, int worker);
+  bool visible(int32_t s, int32_t sensor, const FacingTest& facing) const;
+  int64_t* shareOf(int32_t sensor, int32_t s, int slot);
+  int64_t* totalOf(int32_t s, int slot);
+  template <class Task>
+  void forEachTask(Task&& task);
+  void chooseScales(double translationSize, double rotationSize);
+  void finish(int32_t movedSensor);
+  double sumTerms() const;
+  void ensureScratch(int workers);
+
+  CoverageEvaluator& evaluator_;
+  bool incremental_ = false;
+  int32_t sensorCount_ = 0;
+  int32_t sampleCount_ = 0;
+  int32_t lastSample_ = -1;  // the last sample that is not skipped
+  double translation_[3] = {0.0, 0.0, 0.0};
+  // Rotation columns are multiplied by this power of two before the sums, so
+  // that both kinds of column have the same size in fixed point.
+  double rotationScale_ = 1.0;
+  double fixedScale_ = 1.0;  // fixed point = value * fixedScale_, a power of two
+
+  std::vector<SampleFrame> frames_;
+  // What the incidence pre-test reads of every sample in every trial, kept
+  // apart from the larger frames: the pose's translation in object
+  // coordinates, and whether the sample is skipped.
+  std::vector<double> objectTranslations_;  // 4 per sample, the 4th 1 when skipped
+  // Two slots each, the trial under way writing the one not in use: sensor
+  // k's two rows at sample s, and the fixed-point sum of the shares of the
+  // sensors seen there.
+  std::vector<int64_t> shares_;
+  std::vector<uint8_t> rowSlot_;
+  std::vector<int64_t> totals_;
+  std::vector<uint8_t> totalSlot_;
+  // Seen sensors and share of the sum per sample, written in place by a
+  // trial, with the values before it kept for a rejection.
+  std::vector<uint64_t> masks_;
+  std::vector<double> terms_;
+  std::vector<uint64_t> previousMasks_;
+  std::vector<double> previousTerms_;
+  std::vector<uint8_t> touched_;
+  int32_t openSensor_ = -1;
+
+  std::vector<std::unique_ptr<ScoreScratch>> scratch_;  // one per worker
+  std::vector<TaskCounts> taskCounts_;
+
+  int64_t lastEvaluated_ = 0;
+  int64_t lastReference_ = 0;
+};
+
+}  // namespace sensorlay

@@ -1,0 +1,306 @@
+#include "quality/fast_score.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "observation/sweep_model.h"
+#include "surface/coverage_evaluator.h"
+#include "surface/tracked_surface.h"
+#include "surface/worker_pool.h"
+#include "tests/support/quality_fixtures.h"
+
+namespace sensorlay {
+namespace {
+
+using testing::attach;
+using testing::makeSensorModel;
+
+const std::string kSamples = std::string(SENSORLAY_SOURCE_DIR) + "/samples/";
+
+void quietSamples(CoverageEvaluator& evaluator, int32_t count) {
+  ::testing::internal::CaptureStderr();
+  evaluator.sampleOrientations(count);
+  ::testing::internal::GetCapturedStderr();
+}
+
+// Restores the default thread count when a test ends.
+struct ThreadCount {
+  explicit ThreadCount(int threads) { setDefaultThreadCount(threads); }
+  ~ThreadCount() { setDefaultThreadCount(0); }
+};
+
+// A model on a surface (or without one), its evaluator, and the moves of a
+// search: one sensor to a new place, kept or put back.
+struct Search {
+  std::unique_ptr<TrackedSurface> surface;
+  std::unique_ptr<SensorModel> model;
+  std::unique_ptr<CoverageEvaluator> evaluator = std::make_unique<CoverageEvaluator>();
+  std::mt19937 draws{17};
+
+  Search(std::unique_ptr<TrackedSurface> s, std::unique_ptr<SensorModel> m, int32_t orientations)
+      : surface(std::move(s)), model(std::move(m)) {
+    model->cosMaxIncidence = 0.5;
+    attach(*evaluator, model.get(), surface.get());
+    quietSamples(*evaluator, orientations);
+  }
+
+  // Sensors drawn where they fit on the surface.
+  static std::unique_ptr<SensorModel> drawnOn(TrackedSurface& surface, int count) {
+    std::vector<Eigen::Vector3f> points(static_cast<size_t>(count)), normals(points.size());
+    for (size_t i = 0; i < points.size(); ++i) surface.randomPlacement(points[i], normals[i]);
+    return makeSensorModel(points, normals);
+  }
+
+  int32_t pick() { return static_cast<int32_t>(draws() % model->points.size()); }
+
+  // Moves `sensor` to a drawn place on the surface; yields the old place.
+  std::pair<Eigen::Vector3d, Eigen::Vector3d> move(int32_t sensor) {
+    Eigen::Vector3f p, n;
+    surface->randomPlacement(p, n);
+    return place(sensor, p.cast<double>(), n.cast<double>());
+  }
+  std::pair<Eigen::Vector3d, Eigen::Vector3d> place(int32_t sensor, const Eigen::Vector3d& p,
+                                                    const Eigen::Vector3d& n) {
+    std::pair<Eigen::Vector3d, Eigen::Vector3d> old = {model->points[sensor], model->normals[sensor]};
+    model->points[sensor] = p;
+    model->normals[sensor] = n;
+    return old;
+  }
+};
+
+// The fast score against the reference on the same evaluator, and what each
+// leaves in the evaluator: the pose and bits of the last sample, and the
+// sensors ever seen.
+void expectAgreement(Search& search, double fast, double tolerance, const std::string& where) {
+  CoverageEvaluator& evaluator = *search.evaluator;
+  const std::array<double, 7> pose = evaluator.pose;
+  const std::vector<bool> visibleNow = evaluator.observations->visibleNow;
+  const std::vector<bool> everVisible = evaluator.observations->everVisible;
+  const double reference = evaluator.scorePlacement();
+  if (tolerance == 0.0)
+    EXPECT_EQ(fast, reference) << where;
+  else
+    EXPECT_NEAR(fast, reference, tolerance * std::abs(reference)) << where;
+  EXPECT_EQ(pose, evaluator.pose) << where;
+  EXPECT_EQ(visibleNow, evaluator.observations->visibleNow) << where;
+  EXPECT_EQ(everVisible, evaluator.observations->everVisible) << where;
+}
+
+// Random moves, each scored both ways, kept or put back at random. Every
+// `freshEvery` moves a new scorer set up on the placement reached must give
+// the kept score bit for bit: the cached sums do not depend on the history.
+void walk(Search& search, FastScorer& scorer, int moves, double tolerance, int freshEvery = 0) {
+  double current = scorer.scoreAll();
+  expectAgreement(search, current, tolerance, "start");
+  for (int i = 1; i <= moves; ++i) {
+    const int32_t sensor = search.pick();
+    const auto old = search.move(sensor);
+    const double score = scorer.scoreMove(sensor);
+    expectAgreement(search, score, tolerance, "move " + std::to_string(i));
+    if (search.draws() % 2 == 0) {
+      scorer.accept();
+      current = score;
+    } else {
+      search.place(sensor, old.first, old.second);
+      scorer.reject();
+    }
+    if (freshEvery > 0 && i % freshEvery == 0) {
+      FastScorer fresh(*search.evaluator);
+      EXPECT_EQ(fresh.scoreAll(), current) << "move " << i;
+    }
+  }
+}
+
+TEST(FastScore, NoiseBlockHasTheClosedForm) {
+  // Any top-left block of the inverse covariance: (I - g (e e^T + o o^T)) / s2.
+  CoverageEvaluator evaluator;
+  const Eigen::MatrixXd& W = evaluator.measurementInformation;
+  for (int i = 0; i < 64; ++i)
+    for (int j = 0; j < 64; ++j) {
+      const double expected = ((i == j ? 1.0 : 0.0) - (i % 2 == j % 2 ? kSharedAngleShare : 0.0)) / kAngleVariance;
+      EXPECT_NEAR(W(i, j), expected, 4e-15 / kAngleVariance) << i << " " << j;
+    }
+}
+
+TEST(FastScore, ClosedFormRowsAreTheJetDerivatives) {
+  // One sensor seen at a time; the Jacobian of the reference against the
+  // closed form, at the identity (the quaternion's Taylor branch), at a half
+  // turn and at random rotations, near and far from the origin.
+  std::mt19937 g(5);
+  std::uniform_real_distribution<double> unit(-1.0, 1.0);
+  std::vector<std::array<double, 3>> rotations = {{0, 0, 0}, {3.14159, 0, 0}, {1e-9, -2e-9, 0}};
+  for (int i = 0; i < 40; ++i) rotations.push_back({2 * unit(g), 2 * unit(g), 2 * unit(g)});
+  for (const auto& omega : rotations) {
+    const Eigen::Vector3f p(0.2f * unit(g), 0.2f * unit(g), 0.2f * unit(g));
+    auto model = makeSensorModel({p}, {Eigen::Vector3f(0, 0, 1)});
+    CoverageEvaluator evaluator;
+    attach(evaluator, model.get());
+    const double pose[6] = {0.1 * unit(g), 0.1 * unit(g), -2.0, omega[0], omega[1], omega[2]};
+    double angles[2], jets[12], rows[12];
+    ASSERT_TRUE(differentiateObservations(*evaluator.observations, pose, 2, angles, jets));
+    twoSweepRows(stationRotation(omega.data()), pose, model->points[0].data(), rows);
+    for (int e = 0; e < 12; ++e) EXPECT_NEAR(rows[e], jets[e], 1e-13) << omega[0] << " " << e;
+  }
+}
+
+TEST(FastScore, AgreesWithTheReferenceOnTheBundledDevices) {
+  // Thousands of placements, each one sensor away from the last, on the
+  // headset with the head in the way and on the controller.
+  struct Device {
+    std::string mesh;
+    std::vector<std::string> obstacles;
+    int sensors;
+  };
+  for (const Device& device : {Device{"headset.stl", {"headset_head.stl"}, 20}, Device{"controller.stl", {}, 14}}) {
+    SCOPED_TRACE(device.mesh);
+    std::vector<std::string> obstacles;
+    for (const std::string& o : device.obstacles) obstacles.push_back(kSamples + o);
+    auto surface = std::make_unique<TrackedSurface>(kSamples + device.mesh, obstacles);
+    surface->seedGenerator(3);
+    auto model = Search::drawnOn(*surface, device.sensors);
+    Search search(std::move(surface), std::move(model), 300);
+    FastScorer scorer(*search.evaluator);
+    walk(search, scorer, 1200, 1e-9, 150);
+    EXPECT_TRUE(scorer.incremental());
+  }
+}
+
+TEST(FastScore, DegenerateViewsTakeTheReferenceOutcome) {
+  // Views of one or two sensors, of sensors on one point, or on one line,
+  // have a singular information matrix: the fast path must reach the very
+  // value that the rounding of the reference's LU gives them.
+  std::vector<Eigen::Vector3f> normals;
+  for (int i = 0; i < 8; ++i) normals.push_back(Eigen::Vector3f(std::cos(0.8f * i), std::sin(0.8f * i), 0.6f));
+  const Eigen::Vector3f onePoint(0.05f, 0.01f, 0.02f);
+  struct Case {
+    std::string name;
+    std::vector<Eigen::Vector3f> points;
+  };
+  std::vector<Case> cases = {{"one sensor", {onePoint}},
+                             {"two sensors", {onePoint, {-0.04f, 0.02f, 0.03f}}},
+                             {"on one point", std::vector<Eigen::Vector3f>(8, onePoint)},
+                             {"on one line", {}}};
+  for (int i = 0; i < 8; ++i) cases.back().points.push_back(Eigen::Vector3f(0.01f * i - 0.04f, 0.02f, 0.03f));
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto model = makeSensorModel(c.points, {normals.begin(), normals.begin() + c.points.size()});
+    Search search(nullptr, std::move(model), 300);
+    FastScorer scorer(*search.evaluator);
+    const double start = scorer.scoreAll();
+    expectAgreement(search, start, 0.0, "start");
+    // Every view that sees a sensor went the reference's way.
+    int seen = 0;
+    for (const OrientationSample& sample : search.evaluator->samples) {
+      const double pose[7] = {
+          0, 0, -2, sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]};
+      bool any = false;
+      for (const SensorVisibilityTest& test : search.evaluator->observations->visibilityTests)
+        any = any || isSensorVisible(test, pose);
+      seen += any ? 1 : 0;
+    }
+    EXPECT_GT(seen, 50);
+    EXPECT_EQ(scorer.lastReferenceSamples(), seen);
+    // Moves that keep the case degenerate: a sensor turns on its place.
+    for (int i = 0; i < 30; ++i) {
+      const int32_t k = search.pick();
+      const auto old =
+          search.place(k, search.model->points[k], normals[search.draws() % 8].cast<double>().normalized());
+      expectAgreement(search, scorer.scoreMove(k), 0.0, "turn " + std::to_string(i));
+      if (i % 3 == 0) {
+        search.place(k, old.first, old.second);
+        scorer.reject();
+      }
+    }
+  }
+}
+
+TEST(FastScore, FewAndFlatSensorsAgree) {
+  // Three sensors give square Jacobians, the smallest solvable views; nine
+  // on a flat patch are seen all together or not at all.
+  std::vector<Eigen::Vector3f> three = {{0.05f, 0, 0.02f}, {-0.03f, 0.04f, 0.02f}, {-0.02f, -0.05f, 0.01f}};
+  std::vector<Eigen::Vector3f> flat;
+  for (int i = 0; i < 9; ++i) flat.push_back(Eigen::Vector3f(0.03f * (i % 3) - 0.03f, 0.03f * (i / 3) - 0.03f, 0.02f));
+  for (const auto& points : {three, flat}) {
+    auto model = makeSensorModel(points, std::vector<Eigen::Vector3f>(points.size(), Eigen::Vector3f(0.1f, 0.2f, 1)));
+    Search search(nullptr, std::move(model), 400);
+    FastScorer scorer(*search.evaluator);
+    expectAgreement(search, scorer.scoreAll(), 1e-9, "start");
+    EXPECT_LT(scorer.lastReferenceSamples(), scorer.lastEvaluatedSamples() / 2);
+    for (int i = 0; i < 40; ++i) {
+      const int32_t k = search.pick();
+      const Eigen::Vector3d shift(0.01 * std::cos(i), 0.01 * std::sin(i), 0.0);
+      search.place(k, search.model->points[k] + shift, search.model->normals[k]);
+      expectAgreement(search, scorer.scoreMove(k), 1e-9, "move " + std::to_string(i));
+    }
+  }
+}
+
+TEST(FastScore, WeightsAndUnusableSetUps) {
+  auto surface = std::make_unique<TrackedSurface>(kSamples + "controller.stl", std::vector<std::string>{});
+  surface->seedGenerator(8);
+  auto model = Search::drawnOn(*surface, 10);
+  Search search(std::move(surface), std::move(model), 200);
+  CoverageEvaluator& evaluator = *search.evaluator;
+
+  // Samples of weight 0 or below are skipped, others weigh in, an unseen
+  // sample costs 2 whatever its weight.
+  for (size_t s = 0; s < evaluator.samples.size(); ++s)
+    evaluator.samples[s].weight = 0.25 * static_cast<double>(s % 7) - 0.5;
+  FastScorer scorer(evaluator);
+  walk(search, scorer, 60, 1e-9);
+
+  // A weight that is not a number spoils the sum in both.
+  evaluator.samples[7].weight = std::nan("");
+  EXPECT_TRUE(std::isnan(scorer.scoreAll()));
+
+  // The rotor station and sensors that share a channel are scored by the
+  // reference itself.
+  evaluator.samples[7].weight = 1.0;
+  evaluator.stationConfig.stationKind = 7;
+  evaluator.rebuildObservations();
+  EXPECT_EQ(scorer.scoreAll(), evaluator.scorePlacement());
+  EXPECT_FALSE(scorer.incremental());
+  EXPECT_EQ(scorer.scoreMove(2), evaluator.scorePlacement());
+
+  auto shared = makeSensorModel({{0.02f, 0, 0.03f}, {0, 0.02f, 0.03f}}, {{0, 0, 1}, {0, 0, 1}}, {4, 4});
+  CoverageEvaluator sharing;
+  attach(sharing, shared.get());
+  quietSamples(sharing, 50);
+  FastScorer sharingScorer(sharing);
+  EXPECT_EQ(sharingScorer.scoreAll(), sharing.scorePlacement());
+  EXPECT_FALSE(sharingScorer.incremental());
+}
+
+TEST(FastScore, TheSameOnOneThreadAndOnTwo) {
+  std::vector<double> scores[2];
+  for (int threads : {1, 2}) {
+    ThreadCount count(threads);
+    ASSERT_EQ(defaultWorkerPool().size(), threads);
+    auto surface = std::make_unique<TrackedSurface>(kSamples + "headset.stl",
+                                                    std::vector<std::string>{kSamples + "headset_head.stl"});
+    surface->seedGenerator(12);
+    auto model = Search::drawnOn(*surface, 20);
+    Search search(std::move(surface), std::move(model), 400);
+    FastScorer scorer(*search.evaluator);
+    std::vector<double>& out = scores[threads - 1];
+    out.push_back(scorer.scoreAll());
+    for (int i = 0; i < 200; ++i) {
+      const int32_t k = search.pick();
+      const auto old = search.move(k);
+      out.push_back(scorer.scoreMove(k));
+      if (i % 3 == 0) {
+        search.place(k, old.first, old.second);
+        scorer.reject();
+      }
+    }
+  }
+  EXPECT_EQ(scores[0], scores[1]);
+}
+
+}  // namespace
+}  // namespace sensorlay
