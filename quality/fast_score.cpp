@@ -126,7 +126,7 @@ void FastScorer::ensureScratch(int workers) {
 int64_t* FastScorer::shareOf(int32_t sensor, int32_t s, int slot) {
   const size_t at = (static_cast<size_t>(sensor) * static_cast<size_t>(sampleCount_) + static_cast<size_t>(s)) * 2 +
                     static_cast<size_t>(slot);
-  return shares_.data() + at * kShareSize;
+  return shares_.get() + at * kShareSize;
 }
 
 int64_t* FastScorer::totalOf(int32_t s, int slot) {
@@ -354,6 +354,7 @@ void FastScorer::evaluateMove(int32_t first, int32_t end, int32_t sensor, int wo
   uint64_t seenAfter = 0, changed = 0;
   for (int32_t s = first; s < end; ++s) {
     const size_t at = static_cast<size_t>(s);
+    settle(at);
     touched_[at] = 0;
     if (objectTranslations_[at * 4 + 3] != 0.0) continue;  // skipped
     const bool before = (masks_[at] & bit) != 0;
@@ -412,8 +413,12 @@ void FastScorer::evaluateSampleFully(int32_t s, int worker, TaskCounts& counts) 
   int64_t* total = totalOf(s, 0);
   std::fill(total, total + kShareSize, 0);
   totalSlot_[at] = 0;
+  masks_[at] = 0;
   if (frames_[at].skipped) return;
-  const uint64_t mask = masks_[at];
+  uint64_t mask = 0;
+  for (int32_t k = 0; k < sensorCount_; ++k)
+    if (visible(s, k, FacingTest(*evaluator_.model, k))) mask |= uint64_t{1} << k;
+  masks_[at] = mask;
   for (uint64_t m = mask; m != 0; m &= m - 1) {
     const int32_t k = __builtin_ctzll(m);
     double rows[12];
@@ -469,7 +474,7 @@ double nearestPowerOfTwo(double value) {
 
 }  // namespace
 
-void FastScorer::chooseScales(double translationSize, double rotationSize) {
+bool FastScorer::chooseScalesFromReach() {
   // Bounds on the rows over every place a sensor can take: on the surface
   // (or where the model's sensors are now) within `reach` of the origin, a
   // sensor has x^2 + z^2 and y^2 + z^2 of at least (d - reach)^2, d being the
@@ -488,16 +493,13 @@ void FastScorer::chooseScales(double translationSize, double rotationSize) {
   const double t0 = std::hypot(translation_[0], translation_[2]);
   const double t1 = std::hypot(translation_[1], translation_[2]);
   const double clearance = std::min(t0, t1) - reach;
-  if (clearance > 0.0 && reach > 0.0 && std::isfinite(clearance) && std::isfinite(reach)) {
-    translationSize = 1.0 / clearance;
-    rotationSize = reach / clearance;
-  } else {
-    // No such bound (a sensor reaches the station's axes): the rows of the
-    // present placement with room to grow; a share that outgrows it goes to
-    // the reference computation.
-    translationSize *= kEntryHeadroom;
-    rotationSize *= kEntryHeadroom;
-  }
+  // No such bound when a sensor can reach the station's axes.
+  if (!(clearance > 0.0 && reach > 0.0 && std::isfinite(clearance) && std::isfinite(reach))) return false;
+  chooseScales(1.0 / clearance, reach / clearance);
+  return true;
+}
+
+void FastScorer::chooseScales(double translationSize, double rotationSize) {
   // Rotation columns brought to the size of the translation columns.
   rotationScale_ = rotationSize > 0.0 ? nearestPowerOfTwo(translationSize / rotationSize) : 1.0;
   const double rowSize = std::max(translationSize, rotationSize * rotationScale_);
@@ -551,9 +553,13 @@ double FastScorer::scoreAll() {
     f.station = stationRotation(f.rotationVector);
   }
 
-  const size_t sensors = static_cast<size_t>(sensorCount_);
-  shares_.assign(sensors * n * 2 * kShareSize, 0);
-  rowSlot_.assign(sensors * n, 0);
+  // Every slot is written before it is read; the storage is not cleared.
+  const size_t shareCount = static_cast<size_t>(sensorCount_) * n * 2 * kShareSize;
+  if (shareCount > shareCapacity_) {
+    shares_.reset(new int64_t[shareCount]);
+    shareCapacity_ = shareCount;
+  }
+  rowSlot_.assign(static_cast<size_t>(sensorCount_) * n, 0);
   totals_.assign(n * 2 * kShareSize, 0);
   totalSlot_.assign(n, 0);
   masks_.assign(n, 0);
@@ -562,34 +568,36 @@ double FastScorer::scoreAll() {
   previousTerms_.assign(n, 0.0);
   touched_.assign(n, 0);
   taskCounts_.assign(static_cast<size_t>((sampleCount_ + kSamplesPerTask - 1) / kSamplesPerTask), TaskCounts());
+  closing_ = Closing::kNone;
 
-  // First which sensors each sample sees, and the size of their rows.
-  std::vector<double> largest(n * 2, 0.0);
-  rotationScale_ = 1.0;
-  forEachTask([&](int32_t first, int32_t end, int, TaskCounts&) {
-    for (int32_t s = first; s < end; ++s) {
-      const size_t at = static_cast<size_t>(s);
-      if (frames_[at].skipped) continue;
-      uint64_t mask = 0;
-      for (int32_t k = 0; k < sensorCount_; ++k) {
-        if (!visible(s, k, FacingTest(*evaluator_.model, k))) continue;
-        mask |= uint64_t{1} << k;
-        double rows[12];
-        sensorRows(s, k, rows);
-        for (int j = 0; j < 6; ++j) {
-          double& slot = largest[at * 2 + (j < 3 ? 0 : 1)];
-          slot = std::max(slot, std::max(std::fabs(rows[j]), std::fabs(rows[6 + j])));
+  if (!chooseScalesFromReach()) {
+    // Scales from the rows of the present placement instead.
+    std::vector<double> largest(n * 2, 0.0);
+    rotationScale_ = 1.0;
+    forEachTask([&](int32_t first, int32_t end, int, TaskCounts&) {
+      for (int32_t s = first; s < end; ++s) {
+        const size_t at = static_cast<size_t>(s);
+        if (frames_[at].skipped) continue;
+        for (int32_t k = 0; k < sensorCount_; ++k) {
+          if (!visible(s, k, FacingTest(*evaluator_.model, k))) continue;
+          double rows[12];
+          sensorRows(s, k, rows);
+          for (int j = 0; j < 6; ++j) {
+            double& slot = largest[at * 2 + (j < 3 ? 0 : 1)];
+            slot = std::max(slot, std::max(std::fabs(rows[j]), std::fabs(rows[6 + j])));
+          }
         }
       }
-      masks_[at] = mask;
+    });
+    double translationSize = 0.0, rotationSize = 0.0;
+    for (size_t s = 0; s < n; ++s) {
+      translationSize = std::max(translationSize, largest[s * 2]);
+      rotationSize = std::max(rotationSize, largest[s * 2 + 1]);
     }
-  });
-  double translationSize = 0.0, rotationSize = 0.0;
-  for (size_t s = 0; s < n; ++s) {
-    translationSize = std::max(translationSize, largest[s * 2]);
-    rotationSize = std::max(rotationSize, largest[s * 2 + 1]);
+    // With room for sensors that move to places with larger rows; a share
+    // that outgrows it goes to the reference computation.
+    chooseScales(kEntryHeadroom * translationSize, kEntryHeadroom * rotationSize);
   }
-  chooseScales(translationSize, rotationSize);
 
   forEachTask([this](int32_t first, int32_t end, int worker, TaskCounts& counts) {
     for (int32_t s = first; s < end; ++s) evaluateSampleFully(s, worker, counts);
@@ -605,6 +613,7 @@ double FastScorer::scoreMove(int32_t sensor) {
   forEachTask([this, sensor](int32_t first, int32_t end, int worker, TaskCounts& counts) {
     evaluateMove(first, end, sensor, worker, counts);
   });
+  closing_ = Closing::kNone;
   finish(sensor);
   return sumTerms();
 }
@@ -620,24 +629,29 @@ double FastScorer::sumTerms() const {
 
 void FastScorer::accept() {
   if (openSensor_ < 0) return;
-  const uint64_t bit = uint64_t{1} << openSensor_;
-  const size_t base = static_cast<size_t>(openSensor_) * static_cast<size_t>(sampleCount_);
-  for (size_t s = 0; s < touched_.size(); ++s) {
-    if (!touched_[s]) continue;
-    totalSlot_[s] ^= 1;
-    if (masks_[s] & bit) rowSlot_[base + s] ^= 1;
-  }
+  closing_ = Closing::kAccept;
+  closingSensor_ = openSensor_;
   openSensor_ = -1;
 }
 
 void FastScorer::reject() {
   if (openSensor_ < 0) return;
-  for (size_t s = 0; s < touched_.size(); ++s) {
-    if (!touched_[s]) continue;
+  closing_ = Closing::kReject;
+  closingSensor_ = openSensor_;
+  openSensor_ = -1;
+}
+
+void FastScorer::settle(size_t s) {
+  if (!touched_[s]) return;
+  if (closing_ == Closing::kAccept) {
+    // The free slots become the ones in use.
+    totalSlot_[s] ^= 1;
+    if (masks_[s] >> closingSensor_ & 1)
+      rowSlot_[static_cast<size_t>(closingSensor_) * static_cast<size_t>(sampleCount_) + s] ^= 1;
+  } else if (closing_ == Closing::kReject) {
     masks_[s] = previousMasks_[s];
     terms_[s] = previousTerms_[s];
   }
-  openSensor_ = -1;
 }
 
 }  // namespace sensorlay

@@ -91,6 +91,7 @@ class FastScorer {
 
   void evaluateSampleFully(int32_t s, int worker, TaskCounts& counts);
   void evaluateMove(int32_t first, int32_t end, int32_t sensor, int worker, TaskCounts& counts);
+  void settle(size_t s);
   void sensorRows(int32_t s, int32_t sensor, double rows[12]) const;
   void quantizeShare(const double rows[12], int64_t share[]) const;
   double sampleTerm(int32_t s, uint64_t mask, const int64_t* total, int worker, bool& reference);
@@ -100,6 +101,7 @@ class FastScorer {
   int64_t* totalOf(int32_t s, int slot);
   template <class Task>
   void forEachTask(Task&& task);
+  bool chooseScalesFromReach();
   void chooseScales(double translationSize, double rotationSize);
   void finish(int32_t movedSensor);
   double sumTerms() const;
@@ -124,7 +126,8 @@ class FastScorer {
   // Two slots each, the trial under way writing the one not in use: sensor
   // k's two rows at sample s, and the fixed-point sum of the shares of the
   // sensors seen there.
-  std::vector<int64_t> shares_;
+  std::unique_ptr<int64_t[]> shares_;
+  size_t shareCapacity_ = 0;
   std::vector<uint8_t> rowSlot_;
   std::vector<int64_t> totals_;
   std::vector<uint8_t> totalSlot_;
@@ -136,6 +139,12 @@ class FastScorer {
   std::vector<double> previousTerms_;
   std::vector<uint8_t> touched_;
   int32_t openSensor_ = -1;
+  // A trial is closed by accept or reject, and what that means for each
+  // sample it touched is carried out by the workers at the start of the next
+  // trial, off the calling thread.
+  enum class Closing { kNone, kAccept, kReject };
+  Closing closing_ = Closing::kNone;
+  int32_t closingSensor_ = -1;
 
   std::vector<std::unique_ptr<ScoreScratch>> scratch_;  // one per worker
   std::vector<TaskCounts> taskCounts_;
