@@ -123,9 +123,8 @@ void FastScorer::ensureScratch(int workers) {
   while (static_cast<int>(scratch_.size()) < workers) scratch_.push_back(std::make_unique<ScoreScratch>());
 }
 
-int64_t* FastScorer::shareOf(int32_t sensor, int32_t s, int slot) {
-  const size_t at = (static_cast<size_t>(sensor) * static_cast<size_t>(sampleCount_) + static_cast<size_t>(s)) * 2 +
-                    static_cast<size_t>(slot);
+int64_t* FastScorer::shareOf(int32_t sensor, int32_t s) {
+  const size_t at = static_cast<size_t>(sensor) * static_cast<size_t>(sampleCount_) + static_cast<size_t>(s);
   return shares_.get() + at * kShareSize;
 }
 
@@ -346,7 +345,6 @@ double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, in
 
 void FastScorer::evaluateMove(int32_t first, int32_t end, int32_t sensor, int worker, TaskCounts& counts) {
   const uint64_t bit = uint64_t{1} << sensor;
-  const size_t sensorBase = static_cast<size_t>(sensor) * static_cast<size_t>(sampleCount_);
   const FacingTest facing(*evaluator_.model, sensor);
   // First the visibility of the moved sensor in the whole block. A sample
   // where it is unseen before and after keeps its term bit for bit; for the
@@ -366,9 +364,11 @@ void FastScorer::evaluateMove(int32_t first, int32_t end, int32_t sensor, int wo
     const int64_t* total = totalOf(s, 0);
     for (int line = 0; line < 2 * kShareSize * 8; line += 64)
       __builtin_prefetch(reinterpret_cast<const char*>(total) + line, 1);
-    const int64_t* share = shareOf(sensor, s, 0);
-    for (int line = 0; line < 2 * kShareSize * 8; line += 64)
-      __builtin_prefetch(reinterpret_cast<const char*>(share) + line, 1);
+    if (before) {
+      const int64_t* share = shareOf(sensor, s);
+      for (int line = 0; line < kShareSize * 8; line += 64)
+        __builtin_prefetch(reinterpret_cast<const char*>(share) + line, 0);
+    }
   }
 
   for (uint64_t m = changed; m != 0; m &= m - 1) {
@@ -386,7 +386,7 @@ void FastScorer::evaluateMove(int32_t first, int32_t end, int32_t sensor, int wo
     const int64_t* oldTotal = totalOf(s, totalSlot_[at]);
     int64_t* total = totalOf(s, totalSlot_[at] ^ 1);
     if (before) {
-      const int64_t* share = shareOf(sensor, s, rowSlot_[sensorBase + at]);
+      const int64_t* share = shareOf(sensor, s);
       for (int e = 0; e < kShareSize; ++e) total[e] = oldTotal[e] - share[e];
     } else {
       std::copy_n(oldTotal, kShareSize, total);
@@ -394,7 +394,7 @@ void FastScorer::evaluateMove(int32_t first, int32_t end, int32_t sensor, int wo
     if (after) {
       double rows[12];
       sensorRows(s, sensor, rows);
-      int64_t* share = shareOf(sensor, s, rowSlot_[sensorBase + at] ^ 1);
+      int64_t* share = pendingShares_.data() + at * kShareSize;
       quantizeShare(rows, share);
       for (int e = 0; e < kShareSize; ++e) total[e] += share[e];
       counts.seen |= bit;
@@ -423,8 +423,7 @@ void FastScorer::evaluateSampleFully(int32_t s, int worker, TaskCounts& counts) 
     const int32_t k = __builtin_ctzll(m);
     double rows[12];
     sensorRows(s, k, rows);
-    rowSlot_[static_cast<size_t>(k) * static_cast<size_t>(sampleCount_) + at] = 0;
-    int64_t* share = shareOf(k, s, 0);
+    int64_t* share = shareOf(k, s);
     quantizeShare(rows, share);
     for (int e = 0; e < kShareSize; ++e) total[e] += share[e];
   }
@@ -537,29 +536,34 @@ double FastScorer::scoreAll() {
   const size_t n = static_cast<size_t>(sampleCount_);
   frames_.resize(n);
   objectTranslations_.assign(n * 4, 0.0);
+  taskCounts_.assign(static_cast<size_t>((sampleCount_ + kSamplesPerTask - 1) / kSamplesPerTask), TaskCounts());
+  forEachTask([this](int32_t first, int32_t end, int, TaskCounts&) {
+    for (int32_t s = first; s < end; ++s) {
+      const OrientationSample& sample = evaluator_.samples[static_cast<size_t>(s)];
+      SampleFrame& f = frames_[static_cast<size_t>(s)];
+      std::copy(sample.quaternion, sample.quaternion + 4, f.quaternion);
+      std::copy(sample.rotationVector, sample.rotationVector + 3, f.rotationVector);
+      f.weight = sample.weight;
+      f.skipped = 0.0 >= sample.weight;
+      // The translation in object coordinates: the conjugate rotation of t.
+      double* v = objectTranslations_.data() + static_cast<size_t>(s) * 4;
+      const double conjugate[4] = {f.quaternion[0], -f.quaternion[1], -f.quaternion[2], -f.quaternion[3]};
+      ceres::UnitQuaternionRotatePoint(conjugate, translation_, v);
+      v[3] = f.skipped ? 1.0 : 0.0;
+      f.station = stationRotation(f.rotationVector);
+    }
+  });
   lastSample_ = -1;
-  for (size_t s = 0; s < n; ++s) {
-    const OrientationSample& sample = evaluator_.samples[s];
-    SampleFrame& f = frames_[s];
-    std::copy(sample.quaternion, sample.quaternion + 4, f.quaternion);
-    std::copy(sample.rotationVector, sample.rotationVector + 3, f.rotationVector);
-    f.weight = sample.weight;
-    f.skipped = 0.0 >= sample.weight;
-    if (!f.skipped) lastSample_ = static_cast<int32_t>(s);
-    // The translation in object coordinates: the conjugate rotation of t.
-    const double conjugate[4] = {f.quaternion[0], -f.quaternion[1], -f.quaternion[2], -f.quaternion[3]};
-    ceres::UnitQuaternionRotatePoint(conjugate, translation_, objectTranslations_.data() + s * 4);
-    objectTranslations_[s * 4 + 3] = f.skipped ? 1.0 : 0.0;
-    f.station = stationRotation(f.rotationVector);
-  }
+  for (size_t s = 0; s < n; ++s)
+    if (!frames_[s].skipped) lastSample_ = static_cast<int32_t>(s);
 
   // Every slot is written before it is read; the storage is not cleared.
-  const size_t shareCount = static_cast<size_t>(sensorCount_) * n * 2 * kShareSize;
+  const size_t shareCount = static_cast<size_t>(sensorCount_) * n * kShareSize;
   if (shareCount > shareCapacity_) {
     shares_.reset(new int64_t[shareCount]);
     shareCapacity_ = shareCount;
   }
-  rowSlot_.assign(static_cast<size_t>(sensorCount_) * n, 0);
+  pendingShares_.assign(n * kShareSize, 0);
   totals_.assign(n * 2 * kShareSize, 0);
   totalSlot_.assign(n, 0);
   masks_.assign(n, 0);
@@ -567,7 +571,6 @@ double FastScorer::scoreAll() {
   previousMasks_.assign(n, 0);
   previousTerms_.assign(n, 0.0);
   touched_.assign(n, 0);
-  taskCounts_.assign(static_cast<size_t>((sampleCount_ + kSamplesPerTask - 1) / kSamplesPerTask), TaskCounts());
   closing_ = Closing::kNone;
 
   if (!chooseScalesFromReach()) {
@@ -647,7 +650,7 @@ void FastScorer::settle(size_t s) {
     // The free slots become the ones in use.
     totalSlot_[s] ^= 1;
     if (masks_[s] >> closingSensor_ & 1)
-      rowSlot_[static_cast<size_t>(closingSensor_) * static_cast<size_t>(sampleCount_) + s] ^= 1;
+      std::copy_n(pendingShares_.data() + s * kShareSize, kShareSize, shareOf(closingSensor_, static_cast<int32_t>(s)));
   } else if (closing_ == Closing::kReject) {
     masks_[s] = previousMasks_[s];
     terms_[s] = previousTerms_[s];

@@ -97,7 +97,7 @@ class FastScorer {
   double sampleTerm(int32_t s, uint64_t mask, const int64_t* total, int worker, bool& reference);
   double referenceValue(int32_t s, uint64_t mask, int worker);
   bool visible(int32_t s, int32_t sensor, const FacingTest& facing) const;
-  int64_t* shareOf(int32_t sensor, int32_t s, int slot);
+  int64_t* shareOf(int32_t sensor, int32_t s);
   int64_t* totalOf(int32_t s, int slot);
   template <class Task>
   void forEachTask(Task&& task);
@@ -123,12 +123,13 @@ class FastScorer {
   // apart from the larger frames: the pose's translation in object
   // coordinates, and whether the sample is skipped.
   std::vector<double> objectTranslations_;  // 4 per sample, the 4th 1 when skipped
-  // Two slots each, the trial under way writing the one not in use: sensor
-  // k's two rows at sample s, and the fixed-point sum of the shares of the
-  // sensors seen there.
+  // Sensor k's share of sample s, valid where k is seen there, with the
+  // moved sensor's new shares of the trial under way beside them.
   std::unique_ptr<int64_t[]> shares_;
   size_t shareCapacity_ = 0;
-  std::vector<uint8_t> rowSlot_;
+  std::vector<int64_t> pendingShares_;
+  // The fixed-point sum of the shares of the sensors seen in sample s, in two
+  // slots: the trial under way writes the one not in use.
   std::vector<int64_t> totals_;
   std::vector<uint8_t> totalSlot_;
   // Seen sensors and share of the sum per sample, written in place by a
