@@ -434,7 +434,7 @@ void FastScorer::evaluateSampleFully(int32_t s, int worker, TaskCounts& counts) 
   counts.reference += reference ? 1 : 0;
 }
 
-void FastScorer::finish(int32_t movedSensor) {
+void FastScorer::finish() {
   // What scorePlacement leaves behind besides the score: every sensor seen
   // in some sample marked as ever visible, and the bit list and the pose of
   // the last sample that was not skipped.
@@ -605,7 +605,7 @@ double FastScorer::scoreAll() {
   forEachTask([this](int32_t first, int32_t end, int worker, TaskCounts& counts) {
     for (int32_t s = first; s < end; ++s) evaluateSampleFully(s, worker, counts);
   });
-  finish(-1);
+  finish();
   return sumTerms();
 }
 
@@ -617,7 +617,7 @@ double FastScorer::scoreMove(int32_t sensor) {
     evaluateMove(first, end, sensor, worker, counts);
   });
   closing_ = Closing::kNone;
-  finish(sensor);
+  finish();
   return sumTerms();
 }
 

@@ -7,12 +7,13 @@
 //
 // The per-sample sums are kept in fixed point, where adding and taking away a
 // sensor's share is exact: every sample's term is a function of the placement
-// alone, never of the moves that led to it, and the terms are added on the
-// calling thread in sample order, so the score depends neither on the history
-// nor on the number of threads. A sample that sees fewer than 3 sensors, or
-// whose information matrix is close to singular, goes through the reference's
-// own computation, so that the rounding inside a singular LU decides it
-// exactly as it does there.
+// (and of the fixed-point scale, which scoreAll takes from the size of the
+// surface, so that it is the same for every placement on it), never of the
+// moves that led to it; and the terms are added on the calling thread in
+// sample order. So the score depends neither on the history nor on the number
+// of threads, and a move that no sample sees leaves it bit for bit the same. A sample that sees fewer than 3 sensors,
+// or whose information matrix is close to singular, goes through the reference's own computation, so that the rounding
+// inside a singular LU decides it exactly as it does there.
 
 #include <cstdint>
 #include <memory>
@@ -42,9 +43,10 @@ void twoSweepRows(const StationRotation& frame, const double translation[3], con
 // The noise model as the fast path uses it: the top-left block of any size of
 // CoverageEvaluator::measurementInformation is (I - g (e e^T + o o^T)) / s2,
 // with e and o the indicators of the even and the odd rows.
-constexpr double kAngleVariance = 2.2206609902451057e-9;                                                     // s2
-constexpr double kSharedAngleVariance = 1.579136704174297e-10;                                               // t2
-constexpr double kSharedAngleShare = kSharedAngleVariance / (kAngleVariance + 32.0 * kSharedAngleVariance);  // g
+constexpr double kAngleVariance = 2.2206609902451057e-9;        // s2
+constexpr double kSharedAngleVariance = 1.579136704174297e-10;  // t2
+// g = t2 / (s2 + 32 t2)
+constexpr double kSharedAngleShare = kSharedAngleVariance / (kAngleVariance + 32.0 * kSharedAngleVariance);
 
 class FastScorer {
  public:
@@ -103,7 +105,7 @@ class FastScorer {
   void forEachTask(Task&& task);
   bool chooseScalesFromReach();
   void chooseScales(double translationSize, double rotationSize);
-  void finish(int32_t movedSensor);
+  void finish();
   double sumTerms() const;
   void ensureScratch(int workers);
 
