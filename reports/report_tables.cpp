@@ -260,8 +260,9 @@ bool sensitivityRow(const CoverageEvaluator& evaluator, const OrientationSample&
   return true;
 }
 
-// The text of one block of rows and who made it.
-struct BlockText {
+// The text of one block of rows and who made it. Aligned so that threads
+// filling neighbouring blocks do not share a cache line.
+struct alignas(64) BlockText {
   TextBuffer text;
   int worker = 0;
   bool stopped = false;  // ended before its last row: the table stops there
