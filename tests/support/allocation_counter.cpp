@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstddef>
 
-#if defined(__GLIBC__) && !defined(__SANITIZE_ADDRESS__)
+#if defined(__GLIBC__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 #define SENSORLAY_COUNTS_ALLOCATIONS 1
 #endif
 
