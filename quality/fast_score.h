@@ -103,6 +103,7 @@ class FastScorer {
   int64_t* totalOf(int32_t s, int slot);
   template <class Task>
   void forEachTask(Task&& task);
+  void orderSamples();
   bool chooseScalesFromReach();
   void chooseScales(double translationSize, double rotationSize);
   void finish();
@@ -120,6 +121,10 @@ class FastScorer {
   double rotationScale_ = 1.0;
   double fixedScale_ = 1.0;  // fixed point = value * fixedScale_, a power of two
 
+  // Everything per sample below is held in the order the samples are worked
+  // in: order_[p] is the sample at place p, position_[s] the place of sample s.
+  std::vector<int32_t> order_;
+  std::vector<int32_t> position_;
   std::vector<SampleFrame> frames_;
   // What the incidence pre-test reads of every sample in every trial, kept
   // apart from the larger frames: the pose's translation in object
