@@ -2,7 +2,8 @@
 // bundled headset with the head as obstacle, 20 sensors, 1250 orientations and
 // the design run's incidence limit. Prints one score, a short design run with
 // fixed seeds, and the default analysis table (single-threaded against the
-// default thread count), each with the ratio.
+// default thread count), each with the ratio. The machine may be shared:
+// every time is the best of a few repetitions.
 //
 //   perf_bench [trials]     (default 1000 trials in the design run)
 
@@ -90,21 +91,22 @@ void scores(TrackedSurface& surface, std::vector<Row>& rows) {
   Annealer& annealer = *search.annealer;
   CoverageEvaluator& evaluator = annealer.evaluator;
 
-  const int referenceCalls = 60;
-  auto start = Clock::now();
-  double referenceScore = 0.0;
-  for (int i = 0; i < referenceCalls; ++i) referenceScore = evaluator.scorePlacement();
-  const double reference = secondsSince(start) / referenceCalls;
+  double reference = 1e300, referenceScore = 0.0;
+  for (int batch = 0; batch < 6; ++batch) {
+    const auto start = Clock::now();
+    for (int i = 0; i < 10; ++i) referenceScore = evaluator.scorePlacement();
+    reference = std::min(reference, secondsSince(start) / 10);
+  }
 
   FastScorer scorer(evaluator);
-  start = Clock::now();
+  auto start = Clock::now();
   const double fastScore = scorer.scoreAll();
   const double setUp = secondsSince(start);
 
   // Trials as the annealer makes them, at a mid temperature; every second
-  // one is kept.
+  // one is kept. The best of batches of 100.
   const int trials = 2000;
-  double moving = 0.0, worst = 0.0;
+  double moving = 0.0, batchBest = 1e300, worst = 0.0;
   int64_t reused = 0, referenceSamples = 0, evaluated = 0;
   for (int i = 0; i < trials; ++i) {
     const int sensor = i % kSensors;
@@ -118,6 +120,10 @@ void scores(TrackedSurface& surface, std::vector<Row>& rows) {
     const auto t = Clock::now();
     const double score = scorer.scoreMove(sensor);
     moving += secondsSince(t);
+    if (i % 100 == 99) {
+      batchBest = std::min(batchBest, moving / 100);
+      moving = 0.0;
+    }
     referenceSamples += scorer.lastReferenceSamples();
     evaluated += scorer.lastEvaluatedSamples();
     if (i % 100 == 0) worst = std::max(worst, std::abs(score - evaluator.scorePlacement()) / score);
@@ -130,7 +136,7 @@ void scores(TrackedSurface& surface, std::vector<Row>& rows) {
       ++reused;
     }
   }
-  const double fast = moving / trials;
+  const double fast = batchBest;
 
   rows.push_back({"score, whole placement (fast: set-up)", reference * 1e3, setUp * 1e3, "ms"});
   rows.push_back({"score of one trial (fast: one sensor moved)", reference * 1e3, fast * 1e3, "ms"});
@@ -147,21 +153,23 @@ void designRun(TrackedSurface& surface, int trials, std::vector<Row>& rows) {
   // One trial per sensor per level, and as many levels as give the trials.
   const double levels = std::max(1.0, std::round(static_cast<double>(trials) / kSensors));
   const double rate = std::exp(std::log(annealEndTemperature / annealStartTemperature) / (levels - 0.5));
-  double seconds[2];
+  double seconds[2] = {1e300, 1e300};
   double score[2];
   Constellation result[2];
   int32_t count = 0;
-  for (int path = 0; path < 2; ++path) {
-    Search search(surface, 1, rate);
-    search.annealer->useReferenceScore = path == 0;
-    count = 0;
-    search.annealer->trialObserver = [&count](int32_t, double, bool) { ++count; };
-    std::streambuf* saved = std::cerr.rdbuf(nullptr);
-    const auto start = Clock::now();
-    search.annealer->anneal(result[path]);
-    seconds[path] = secondsSince(start);
-    std::cerr.rdbuf(saved);
-    score[path] = search.annealer->bestScore;
+  for (int repeat = 0; repeat < 2; ++repeat) {
+    for (int path = 0; path < 2; ++path) {
+      Search search(surface, 1, rate);
+      search.annealer->useReferenceScore = path == 0;
+      count = 0;
+      search.annealer->trialObserver = [&count](int32_t, double, bool) { ++count; };
+      std::streambuf* saved = std::cerr.rdbuf(nullptr);
+      const auto start = Clock::now();
+      search.annealer->anneal(result[path]);
+      seconds[path] = std::min(seconds[path], secondsSince(start));
+      std::cerr.rdbuf(saved);
+      score[path] = search.annealer->bestScore;
+    }
   }
   const std::string what = "design run, " + std::to_string(count) + " trials";
   rows.push_back({what, seconds[0], seconds[1], "s"});
@@ -192,10 +200,13 @@ double analysisSeconds(TrackedSurface& surface, SensorModel& model) {
 
 void analysis(TrackedSurface& surface, std::vector<Row>& rows) {
   Search search(surface, 3, 0.96);
-  setDefaultThreadCount(1);
-  const double reference = analysisSeconds(surface, *search.model);
-  setDefaultThreadCount(0);
-  const double fast = analysisSeconds(surface, *search.model);
+  double reference = 1e300, fast = 1e300;
+  for (int repeat = 0; repeat < 2; ++repeat) {
+    setDefaultThreadCount(1);
+    reference = std::min(reference, analysisSeconds(surface, *search.model));
+    setDefaultThreadCount(0);
+    fast = std::min(fast, analysisSeconds(surface, *search.model));
+  }
   rows.push_back({"analysis table, 0.5 degree grid", reference, fast, "s"});
 }
 
