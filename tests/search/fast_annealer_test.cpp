@@ -5,35 +5,15 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <memory>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "quality/fast_score.h"
 #include "search/annealer.h"
 #include "surface/tracked_surface.h"
 #include "surface/worker_pool.h"
-
-#if defined(__GLIBC__) && !defined(__SANITIZE_ADDRESS__)
-#define SENSORLAY_COUNT_ALLOCATIONS 1
-namespace {
-bool counting = false;
-long allocations = 0;
-}  // namespace
-
-extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void* __libc_memalign(size_t, size_t);
-void* malloc(size_t size) { return allocations += counting, __libc_malloc(size); }
-void* calloc(size_t count, size_t size) { return allocations += counting, __libc_calloc(count, size); }
-void* realloc(void* p, size_t size) { return allocations += counting, __libc_realloc(p, size); }
-void* aligned_alloc(size_t alignment, size_t size) { return allocations += counting, __libc_memalign(alignment, size); }
-}
-#endif
+#include "tests/support/allocation_counter.h"
 
 namespace sensorlay {
 namespace {
@@ -140,12 +120,9 @@ TEST(FastAnnealer, TheOptionReachesTheSearch) {
   EXPECT_NE(progress[0].find('('), std::string::npos);
 }
 
-#ifdef SENSORLAY_COUNT_ALLOCATIONS
 TEST(FastAnnealer, TrialsAllocateNothing) {
-  counting = true;
-  delete new std::vector<int>(100);
-  counting = false;
-  ASSERT_GT(allocations, 0);  // the counter works
+  if (!testing::allocationCountingAvailable()) GTEST_SKIP() << "no allocation count under a sanitizer";
+  ASSERT_GT(testing::countAllocations([] { delete new std::vector<int>(100); }), 0);  // the counter works
 
   ThreadCount count(2);
   defaultWorkerPool();
@@ -161,8 +138,7 @@ TEST(FastAnnealer, TrialsAllocateNothing) {
   // The scorer's trials, once it is set up.
   FastScorer scorer(annealer.evaluator);
   scorer.scoreAll();
-  allocations = 0;
-  counting = true;
+  testing::startCountingAllocations();
   for (int i = 0; i < 300; ++i) {
     const int32_t k = i % 20;
     const Eigen::Vector3d point = model->points[k], normal = model->normals[k];
@@ -179,8 +155,7 @@ TEST(FastAnnealer, TrialsAllocateNothing) {
       scorer.reject();
     }
   }
-  counting = false;
-  EXPECT_EQ(allocations, 0);
+  EXPECT_EQ(testing::stopCountingAllocations(), 0);
 
   // A whole search: the allocations of its set-up, the same however many
   // trials follow.
@@ -189,16 +164,11 @@ TEST(FastAnnealer, TrialsAllocateNothing) {
     ::testing::internal::CaptureStderr();
     Annealer search(*model, surface, "", iterations, 300, 0.5, -1.0, -1.0, 3u);
     Constellation result;
-    allocations = 0;
-    counting = true;
-    search.anneal(result);
-    counting = false;
+    perRun[iterations == 1 ? 0 : 1] = testing::countAllocations([&] { search.anneal(result); });
     ::testing::internal::GetCapturedStderr();
-    perRun[iterations == 1 ? 0 : 1] = allocations;
   }
   EXPECT_EQ(perRun[0], perRun[1]);
 }
-#endif
 
 }  // namespace
 }  // namespace sensorlay
