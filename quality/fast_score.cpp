@@ -20,9 +20,6 @@ namespace sensorlay {
 
 namespace {
 
-// The value of a sample with no usable answer, as in scorePlacement.
-constexpr double kNoAnswer = 2.0;
-
 // The most sensors one sample can weigh: two rows each in 64.
 constexpr int kMaxSeen = kMaxObservationRows / 2;
 
@@ -270,19 +267,7 @@ double FastScorer::referenceValue(int32_t s, uint64_t mask, int worker) {
   // A failed evaluation writes nothing, and J stays zero.
   if (!ok) J.setZero();
 
-  const auto W = evaluator_.measurementInformation.topLeftCorner(rows, rows);
-  scratch.weightedTranspose.noalias() = J.transpose() * W;
-  scratch.information.noalias() = scratch.weightedTranspose * J;
-  scratch.lu.compute(scratch.information);
-  Eigen::MatrixXd& C = scratch.covariance;
-  C.setZero();
-  const auto& permutation = scratch.lu.permutationP().indices();
-  for (int i = 0; i < 6; ++i) C(permutation(i), i) = 1.0;
-  scratch.lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(C);
-  scratch.lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(C);
-  const double x = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2)) + std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
-  return std::isnan(x) ? kNoAnswer
-                       : std::tanh(evaluator_.qualityGain * x + evaluator_.qualityBias) + evaluator_.qualityBase;
+  return sampleValue(evaluator_, scratch, rows);
 }
 
 double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, int worker, bool& reference) {

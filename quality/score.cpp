@@ -6,14 +6,33 @@
 
 namespace sensorlay {
 
-namespace {
+double sampleValue(const CoverageEvaluator& evaluator, ScoreScratch& scratch, int32_t rows) {
+  const ScoreScratch::Jacobian& J = scratch.jacobian;
+  // W is the top-left block of the inverse of the full covariance, used in
+  // place; it is not the inverse of the covariance's block.
+  const auto W = evaluator.measurementInformation.topLeftCorner(rows, rows);
+  scratch.weightedTranspose.noalias() = J.transpose() * W;
+  scratch.information.noalias() = scratch.weightedTranspose * J;
 
-// The value of a sample with no usable answer: no visible sensor, a pose
-// uncertainty that is not a number, or more sensors than the noise model has
-// rows for. Just above the curve's ceiling of 1 + tanh(2).
-constexpr double kNoAnswer = 2.0;
+  // The steps of Eigen's inverse of a dynamic matrix, done in the kept
+  // buffers (its Inverse expression would copy the decomposition each
+  // time): LU with partial pivoting, then P I solved against L and U. No
+  // singularity test: a singular A gives infinite or not-a-number variances,
+  // which the test on x below settles.
+  scratch.lu.compute(scratch.information);
+  Eigen::MatrixXd& C = scratch.covariance;
+  C.setZero();
+  const auto& permutation = scratch.lu.permutationP().indices();
+  for (int i = 0; i < 6; ++i) C(permutation(i), i) = 1.0;
+  scratch.lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(C);
+  scratch.lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(C);
 
-}  // namespace
+  // Position and rotation uncertainty added as plain numbers: 1 mm weighs
+  // as much as 1 mrad.
+  const double x = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2)) + std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
+  return std::isnan(x) ? kNoAnswer
+                       : std::tanh(evaluator.qualityGain * x + evaluator.qualityBias) + evaluator.qualityBase;
+}
 
 double CoverageEvaluator::scorePlacement() {
   if (!scoreScratch) scoreScratch = std::make_unique<ScoreScratch>();
@@ -68,30 +87,7 @@ double CoverageEvaluator::scorePlacement() {
     J.setZero(rows, 6);
     differentiateObservations(*set, pose.data(), rows, scratch.angles, J.data());
 
-    // W is the top-left block of the inverse of the full covariance, used in
-    // place; it is not the inverse of the covariance's block.
-    const auto W = measurementInformation.topLeftCorner(rows, rows);
-    scratch.weightedTranspose.noalias() = J.transpose() * W;
-    scratch.information.noalias() = scratch.weightedTranspose * J;
-
-    // The steps of Eigen's inverse of a dynamic matrix, done in the kept
-    // buffers (its Inverse expression would copy the decomposition each
-    // time): LU with partial pivoting, then P I solved against L and U. No
-    // singularity test: a singular A gives infinite or not-a-number variances,
-    // which the test on x below settles.
-    scratch.lu.compute(scratch.information);
-    Eigen::MatrixXd& C = scratch.covariance;
-    C.setZero();
-    const auto& permutation = scratch.lu.permutationP().indices();
-    for (int i = 0; i < 6; ++i) C(permutation(i), i) = 1.0;
-    scratch.lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(C);
-    scratch.lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(C);
-
-    // Position and rotation uncertainty added as plain numbers: 1 mm weighs
-    // as much as 1 mrad.
-    const double x = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2)) + std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
-
-    const double value = std::isnan(x) ? kNoAnswer : std::tanh(qualityGain * x + qualityBias) + qualityBase;
+    const double value = sampleValue(*this, scratch, rows);
     sum += value * sample.weight;
   }
   return sum * scoreScale;

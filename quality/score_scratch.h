@@ -10,6 +10,13 @@
 
 namespace sensorlay {
 
+class CoverageEvaluator;
+
+// The value of a sample with no usable answer: no visible sensor, a pose
+// uncertainty that is not a number, or more sensors than the noise model has
+// rows for. Just above the curve's ceiling of 1 + tanh(2).
+constexpr double kNoAnswer = 2.0;
+
 struct ScoreScratch {
   // J: two rows for each visible sensor, six columns, row-major; storage for
   // the largest case is held inline.
@@ -26,5 +33,11 @@ struct ScoreScratch {
   Eigen::MatrixXd covariance;   // inverse of A
   Eigen::PartialPivLU<Eigen::MatrixXd> lu;
 };
+
+// The unweighted value of one sample whose `rows` Jacobian rows stand in
+// scratch.jacobian: A = J^T W J with W the top-left block of the evaluator's
+// measurementInformation, A inverted by LU with partial pivoting, the pose
+// uncertainty x from the inverse's diagonal, and the quality curve.
+double sampleValue(const CoverageEvaluator& evaluator, ScoreScratch& scratch, int32_t rows);
 
 }  // namespace sensorlay
