@@ -6,33 +6,22 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "observation/sweep_model.h"
 #include "surface/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
-#include "surface/worker_pool.h"
-#include "tests/support/quality_fixtures.h"
+#include "tests/support/score_runs.h"
 
 namespace sensorlay {
 namespace {
 
 using testing::attach;
 using testing::makeSensorModel;
+using testing::quietSamples;
 
 const std::string kSamples = std::string(SENSORLAY_SOURCE_DIR) + "/samples/";
-
-void quietSamples(CoverageEvaluator& evaluator, int32_t count) {
-  ::testing::internal::CaptureStderr();
-  evaluator.sampleOrientations(count);
-  ::testing::internal::GetCapturedStderr();
-}
-
-// Restores the default thread count when a test ends.
-struct ThreadCount {
-  explicit ThreadCount(int threads) { setDefaultThreadCount(threads); }
-  ~ThreadCount() { setDefaultThreadCount(0); }
-};
 
 // A model on a surface (or without one), its evaluator, and the moves of a
 // search: one sensor to a new place, kept or put back.
@@ -49,11 +38,17 @@ struct Search {
     quietSamples(*evaluator, orientations);
   }
 
-  // Sensors drawn where they fit on the surface.
-  static std::unique_ptr<SensorModel> drawnOn(TrackedSurface& surface, int count) {
+  // `count` sensors drawn where they fit on a bundled device, with an
+  // obstacle unless it is "".
+  static Search onDevice(const std::string& mesh, const std::string& obstacle, uint32_t seed, int count,
+                         int32_t orientations) {
+    auto surface = std::make_unique<TrackedSurface>(
+        kSamples + mesh, obstacle.empty() ? std::vector<std::string>{} : std::vector<std::string>{kSamples + obstacle});
+    surface->seedGenerator(seed);
     std::vector<Eigen::Vector3f> points(static_cast<size_t>(count)), normals(points.size());
-    for (size_t i = 0; i < points.size(); ++i) surface.randomPlacement(points[i], normals[i]);
-    return makeSensorModel(points, normals);
+    for (size_t i = 0; i < points.size(); ++i) surface->randomPlacement(points[i], normals[i]);
+    auto model = makeSensorModel(points, normals);
+    return Search(std::move(surface), std::move(model), orientations);
   }
 
   int32_t pick() { return static_cast<int32_t>(draws() % model->points.size()); }
@@ -116,17 +111,6 @@ void walk(Search& search, FastScorer& scorer, int moves, double tolerance, int f
   }
 }
 
-TEST(FastScore, NoiseBlockHasTheClosedForm) {
-  // Any top-left block of the inverse covariance: (I - g (e e^T + o o^T)) / s2.
-  CoverageEvaluator evaluator;
-  const Eigen::MatrixXd& W = evaluator.measurementInformation;
-  for (int i = 0; i < 64; ++i)
-    for (int j = 0; j < 64; ++j) {
-      const double expected = ((i == j ? 1.0 : 0.0) - (i % 2 == j % 2 ? kSharedAngleShare : 0.0)) / kAngleVariance;
-      EXPECT_NEAR(W(i, j), expected, 4e-15 / kAngleVariance) << i << " " << j;
-    }
-}
-
 TEST(FastScore, ClosedFormRowsAreTheJetDerivatives) {
   // One sensor seen at a time; the Jacobian of the reference against the
   // closed form, at the identity (the quaternion's Taylor branch), at a half
@@ -151,66 +135,72 @@ TEST(FastScore, ClosedFormRowsAreTheJetDerivatives) {
 TEST(FastScore, AgreesWithTheReferenceOnTheBundledDevices) {
   // Thousands of placements, each one sensor away from the last, on the
   // headset with the head in the way and on the controller.
-  struct Device {
-    std::string mesh;
-    std::vector<std::string> obstacles;
-    int sensors;
-  };
-  for (const Device& device : {Device{"headset.stl", {"headset_head.stl"}, 20}, Device{"controller.stl", {}, 14}}) {
-    SCOPED_TRACE(device.mesh);
-    std::vector<std::string> obstacles;
-    for (const std::string& o : device.obstacles) obstacles.push_back(kSamples + o);
-    auto surface = std::make_unique<TrackedSurface>(kSamples + device.mesh, obstacles);
-    surface->seedGenerator(3);
-    auto model = Search::drawnOn(*surface, device.sensors);
-    Search search(std::move(surface), std::move(model), 300);
+  for (const auto& [mesh, obstacle, sensors] :
+       {std::tuple<std::string, std::string, int>{"headset.stl", "headset_head.stl", 20}, {"controller.stl", "", 14}}) {
+    SCOPED_TRACE(mesh);
+    Search search = Search::onDevice(mesh, obstacle, 3, sensors, 300);
     FastScorer scorer(*search.evaluator);
     walk(search, scorer, 1200, 1e-9, 150);
     EXPECT_TRUE(scorer.incremental());
   }
 }
 
-TEST(FastScore, DegenerateViewsTakeTheReferenceOutcome) {
+TEST(FastScore, DegenerateFewAndFlatViewsAgree) {
   // Views of one or two sensors, of sensors on one point, or on one line,
   // have a singular information matrix: the fast path must reach the very
-  // value that the rounding of the reference's LU gives them.
-  std::vector<Eigen::Vector3f> normals;
-  for (int i = 0; i < 8; ++i) normals.push_back(Eigen::Vector3f(std::cos(0.8f * i), std::sin(0.8f * i), 0.6f));
+  // value that the rounding of the reference's LU gives them, and moves that
+  // turn a sensor on its place keep them singular. Three sensors give square
+  // Jacobians, the smallest solvable views; nine on a flat patch are seen all
+  // together or not at all; moves shift a sensor.
+  std::vector<Eigen::Vector3f> turned;
+  for (int i = 0; i < 8; ++i) turned.push_back(Eigen::Vector3f(std::cos(0.8f * i), std::sin(0.8f * i), 0.6f));
   const Eigen::Vector3f onePoint(0.05f, 0.01f, 0.02f);
   struct Case {
     std::string name;
     std::vector<Eigen::Vector3f> points;
+    bool singular;
   };
-  std::vector<Case> cases = {{"one sensor", {onePoint}},
-                             {"two sensors", {onePoint, {-0.04f, 0.02f, 0.03f}}},
-                             {"on one point", std::vector<Eigen::Vector3f>(8, onePoint)},
-                             {"on one line", {}}};
-  for (int i = 0; i < 8; ++i) cases.back().points.push_back(Eigen::Vector3f(0.01f * i - 0.04f, 0.02f, 0.03f));
+  std::vector<Case> cases = {{"one sensor", {onePoint}, true},
+                             {"two sensors", {onePoint, {-0.04f, 0.02f, 0.03f}}, true},
+                             {"on one point", std::vector<Eigen::Vector3f>(8, onePoint), true},
+                             {"on one line", {}, true},
+                             {"three", {{0.05f, 0, 0.02f}, {-0.03f, 0.04f, 0.02f}, {-0.02f, -0.05f, 0.01f}}, false},
+                             {"flat", {}, false}};
+  for (int i = 0; i < 9; ++i) {
+    if (i < 8) cases[3].points.push_back(Eigen::Vector3f(0.01f * i - 0.04f, 0.02f, 0.03f));
+    cases[5].points.push_back(Eigen::Vector3f(0.03f * (i % 3) - 0.03f, 0.03f * (i / 3) - 0.03f, 0.02f));
+  }
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    auto model = makeSensorModel(c.points, {normals.begin(), normals.begin() + c.points.size()});
-    Search search(nullptr, std::move(model), 300);
+    const size_t n = c.points.size();
+    auto model = makeSensorModel(c.points, c.singular ? std::vector<Eigen::Vector3f>(turned.begin(), turned.begin() + n)
+                                                      : std::vector<Eigen::Vector3f>(n, Eigen::Vector3f(0.1f, 0.2f, 1)));
+    Search search(nullptr, std::move(model), c.singular ? 300 : 400);
     FastScorer scorer(*search.evaluator);
-    const double start = scorer.scoreAll();
-    expectAgreement(search, start, 0.0, "start");
-    // Every view that sees a sensor went the reference's way.
-    int seen = 0;
-    for (const OrientationSample& sample : search.evaluator->samples) {
-      const double pose[7] = {
-          0, 0, -2, sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]};
-      bool any = false;
-      for (const SensorVisibilityTest& test : search.evaluator->observations->visibilityTests)
-        any = any || isSensorVisible(test, pose);
-      seen += any ? 1 : 0;
+    const double tolerance = c.singular ? 0.0 : 1e-9;
+    expectAgreement(search, scorer.scoreAll(), tolerance, "start");
+    if (c.singular) {
+      // Every view that sees a sensor went the reference's way.
+      int seen = 0;
+      for (const OrientationSample& sample : search.evaluator->samples) {
+        const double pose[7] = {
+            0, 0, -2, sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]};
+        bool any = false;
+        for (const SensorVisibilityTest& test : search.evaluator->observations->visibilityTests)
+          any = any || isSensorVisible(test, pose);
+        seen += any ? 1 : 0;
+      }
+      EXPECT_GT(seen, 50);
+      EXPECT_EQ(scorer.lastReferenceSamples(), seen);
+    } else {
+      EXPECT_LT(scorer.lastReferenceSamples(), scorer.lastEvaluatedSamples() / 2);
     }
-    EXPECT_GT(seen, 50);
-    EXPECT_EQ(scorer.lastReferenceSamples(), seen);
-    // Moves that keep the case degenerate: a sensor turns on its place.
     for (int i = 0; i < 30; ++i) {
       const int32_t k = search.pick();
-      const auto old =
-          search.place(k, search.model->points[k], normals[search.draws() % 8].cast<double>().normalized());
-      expectAgreement(search, scorer.scoreMove(k), 0.0, "turn " + std::to_string(i));
+      const Eigen::Vector3d shift(0.01 * std::cos(i), 0.01 * std::sin(i), 0.0);
+      const auto old = c.singular ? search.place(k, search.model->points[k], turned[search.draws() % 8].cast<double>().normalized())
+                                  : search.place(k, search.model->points[k] + shift, search.model->normals[k]);
+      expectAgreement(search, scorer.scoreMove(k), tolerance, "move " + std::to_string(i));
       if (i % 3 == 0) {
         search.place(k, old.first, old.second);
         scorer.reject();
@@ -219,32 +209,8 @@ TEST(FastScore, DegenerateViewsTakeTheReferenceOutcome) {
   }
 }
 
-TEST(FastScore, FewAndFlatSensorsAgree) {
-  // Three sensors give square Jacobians, the smallest solvable views; nine
-  // on a flat patch are seen all together or not at all.
-  std::vector<Eigen::Vector3f> three = {{0.05f, 0, 0.02f}, {-0.03f, 0.04f, 0.02f}, {-0.02f, -0.05f, 0.01f}};
-  std::vector<Eigen::Vector3f> flat;
-  for (int i = 0; i < 9; ++i) flat.push_back(Eigen::Vector3f(0.03f * (i % 3) - 0.03f, 0.03f * (i / 3) - 0.03f, 0.02f));
-  for (const auto& points : {three, flat}) {
-    auto model = makeSensorModel(points, std::vector<Eigen::Vector3f>(points.size(), Eigen::Vector3f(0.1f, 0.2f, 1)));
-    Search search(nullptr, std::move(model), 400);
-    FastScorer scorer(*search.evaluator);
-    expectAgreement(search, scorer.scoreAll(), 1e-9, "start");
-    EXPECT_LT(scorer.lastReferenceSamples(), scorer.lastEvaluatedSamples() / 2);
-    for (int i = 0; i < 40; ++i) {
-      const int32_t k = search.pick();
-      const Eigen::Vector3d shift(0.01 * std::cos(i), 0.01 * std::sin(i), 0.0);
-      search.place(k, search.model->points[k] + shift, search.model->normals[k]);
-      expectAgreement(search, scorer.scoreMove(k), 1e-9, "move " + std::to_string(i));
-    }
-  }
-}
-
 TEST(FastScore, WeightsAndUnusableSetUps) {
-  auto surface = std::make_unique<TrackedSurface>(kSamples + "controller.stl", std::vector<std::string>{});
-  surface->seedGenerator(8);
-  auto model = Search::drawnOn(*surface, 10);
-  Search search(std::move(surface), std::move(model), 200);
+  Search search = Search::onDevice("controller.stl", "", 8, 10, 200);
   CoverageEvaluator& evaluator = *search.evaluator;
 
   // Samples of weight 0 or below are skipped, others weigh in, an unseen
@@ -274,32 +240,6 @@ TEST(FastScore, WeightsAndUnusableSetUps) {
   FastScorer sharingScorer(sharing);
   EXPECT_EQ(sharingScorer.scoreAll(), sharing.scorePlacement());
   EXPECT_FALSE(sharingScorer.incremental());
-}
-
-TEST(FastScore, TheSameOnOneThreadAndOnTwo) {
-  std::vector<double> scores[2];
-  for (int threads : {1, 2}) {
-    ThreadCount count(threads);
-    ASSERT_EQ(defaultWorkerPool().size(), threads);
-    auto surface = std::make_unique<TrackedSurface>(kSamples + "headset.stl",
-                                                    std::vector<std::string>{kSamples + "headset_head.stl"});
-    surface->seedGenerator(12);
-    auto model = Search::drawnOn(*surface, 20);
-    Search search(std::move(surface), std::move(model), 400);
-    FastScorer scorer(*search.evaluator);
-    std::vector<double>& out = scores[threads - 1];
-    out.push_back(scorer.scoreAll());
-    for (int i = 0; i < 200; ++i) {
-      const int32_t k = search.pick();
-      const auto old = search.move(k);
-      out.push_back(scorer.scoreMove(k));
-      if (i % 3 == 0) {
-        search.place(k, old.first, old.second);
-        scorer.reject();
-      }
-    }
-  }
-  EXPECT_EQ(scores[0], scores[1]);
 }
 
 }  // namespace
