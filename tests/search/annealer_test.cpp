@@ -9,8 +9,8 @@
 
 #include "surface/random_draws.h"
 #include "surface/tracked_surface.h"
-#include "tests/support/meshes.h"
-#include "tests/support/run_binary.h"
+#include "tests/support/score_runs.h"
+#include "tests/support/surface_fixtures.h"
 
 namespace sensorlay {
 namespace {
@@ -23,13 +23,8 @@ Mesh testBox() { return testing::boxMesh({-0.06f, -0.04f, -0.03f}, {0.06f, 0.04f
 struct SurfaceFixture {
   testing::TempDir dir;
   std::unique_ptr<TrackedSurface> surface;
-  explicit SurfaceFixture(const Mesh& mesh, uint32_t seed = 7, const Mesh& obstacle = {}) {
-    testing::writeStlBinary(dir.file("s.stl"), mesh);
-    std::vector<std::string> obstacles;
-    if (!obstacle.empty()) testing::writeStlBinary(dir.file("o.stl"), obstacle), obstacles.push_back(dir.file("o.stl"));
-    surface = std::make_unique<TrackedSurface>(dir.file("s.stl"), obstacles);
-    surface->seedGenerator(seed);
-  }
+  explicit SurfaceFixture(const Mesh& mesh, uint32_t seed = 7, const Mesh& obstacle = {})
+      : surface(testing::buildSurface(dir, mesh, obstacle, seed)) {}
 };
 
 AnnealerOptions quickOptions(TrackedSurface& surface, int32_t nSensors) {
@@ -60,15 +55,7 @@ size_t trialDots(const std::string& err) {
 double scoreOf(const Constellation& placement, TrackedSurface& surface, int nOrientations) {
   SensorModel model(placement, ModelTransform());
   model.cosMaxIncidence = std::cos(60.0 * 0.017453292519943295);
-  CoverageEvaluator evaluator;
-  evaluator.model = &model;
-  evaluator.rebuildObservations();
-  evaluator.surface = &surface;
-  evaluator.rebuildObservations();
-  ::testing::internal::CaptureStderr();
-  evaluator.sampleOrientations(nOrientations);
-  ::testing::internal::GetCapturedStderr();
-  return evaluator.scorePlacement();
+  return testing::freshScore(&model, &surface, nOrientations);
 }
 
 // Levels are the temperatures 100 x rate^k at or above 0.035. One orientation

@@ -1,6 +1,7 @@
 // The search on the fast score: the same trials, kept and put back in the
-// same order, the same best placement and score as on the reference score;
-// the same on one thread and on two; and no allocation from trial to trial.
+// same order, the same best placement and score as on the reference score,
+// on one thread and on two; no allocation from trial to trial; and the
+// bundled devices it runs on.
 
 #include <gtest/gtest.h>
 
@@ -14,16 +15,12 @@
 #include "surface/tracked_surface.h"
 #include "surface/worker_pool.h"
 #include "tests/support/allocation_counter.h"
+#include "tests/support/score_runs.h"
 
 namespace sensorlay {
 namespace {
 
 const std::string kSamples = std::string(SENSORLAY_SOURCE_DIR) + "/samples/";
-
-struct ThreadCount {
-  explicit ThreadCount(int threads) { setDefaultThreadCount(threads); }
-  ~ThreadCount() { setDefaultThreadCount(0); }
-};
 
 struct Trial {
   int32_t sensor;
@@ -59,106 +56,52 @@ Design design(bool reference, int32_t iterations = 1, double coolingRate = 0.7) 
   return out;
 }
 
-TEST(FastAnnealer, SameSearchAsOnTheReferenceScore) {
-  const Design fast = design(false), slow = design(true);
-  ASSERT_EQ(fast.trials.size(), slow.trials.size());
-  ASSERT_GT(fast.trials.size(), 400u);
+TEST(FastAnnealer, SameSearchAsOnTheReferenceScoreOnOneThreadAndOnTwo) {
+  const Design slow = design(true);
+  ASSERT_GT(slow.trials.size(), 400u);
   int kept = 0;
-  for (size_t i = 0; i < fast.trials.size(); ++i) {
-    ASSERT_EQ(fast.trials[i].sensor, slow.trials[i].sensor) << i;
-    ASSERT_EQ(fast.trials[i].accepted, slow.trials[i].accepted) << i;
-    ASSERT_NEAR(fast.trials[i].score, slow.trials[i].score, 1e-9 * slow.trials[i].score) << i;
-    kept += fast.trials[i].accepted ? 1 : 0;
-  }
+  for (const Trial& trial : slow.trials) kept += trial.accepted ? 1 : 0;
   // Both kinds of outcome, and improvements on the way.
   EXPECT_GT(kept, 20);
-  EXPECT_LT(kept, static_cast<int>(fast.trials.size()) - 20);
-  EXPECT_EQ(fast.best.modelPoints, slow.best.modelPoints);
-  EXPECT_EQ(fast.best.modelNormals, slow.best.modelNormals);
-  // The score reported is scorePlacement's own for the best placement.
-  EXPECT_EQ(fast.bestScore, slow.bestScore);
-  EXPECT_EQ(fast.progress, slow.progress);
-  EXPECT_NE(fast.progress.find('('), std::string::npos);
-}
-
-TEST(FastAnnealer, SameSearchOnOneThreadAndOnTwo) {
-  Design runs[2];
+  EXPECT_LT(kept, static_cast<int>(slow.trials.size()) - 20);
+  EXPECT_NE(slow.progress.find('('), std::string::npos);
+  std::vector<double> oneThread;
   for (int threads : {1, 2}) {
-    ThreadCount count(threads);
-    runs[threads - 1] = design(false);
+    testing::ThreadCount count(threads);
+    ASSERT_EQ(defaultWorkerPool().size(), threads);
+    const Design fast = design(false);
+    SCOPED_TRACE(std::to_string(threads) + " threads");
+    ASSERT_EQ(fast.trials.size(), slow.trials.size());
+    for (size_t i = 0; i < fast.trials.size(); ++i) {
+      ASSERT_EQ(fast.trials[i].sensor, slow.trials[i].sensor) << i;
+      ASSERT_EQ(fast.trials[i].accepted, slow.trials[i].accepted) << i;
+      ASSERT_NEAR(fast.trials[i].score, slow.trials[i].score, 1e-9 * slow.trials[i].score) << i;
+    }
+    EXPECT_EQ(fast.best.modelPoints, slow.best.modelPoints);
+    EXPECT_EQ(fast.best.modelNormals, slow.best.modelNormals);
+    // The score reported is scorePlacement's own for the best placement.
+    EXPECT_EQ(fast.bestScore, slow.bestScore);
+    EXPECT_EQ(fast.progress, slow.progress);
+    if (threads == 2)
+      for (size_t i = 0; i < fast.trials.size(); ++i) EXPECT_EQ(fast.trials[i].score, oneThread[i]) << i;
+    else
+      for (const Trial& trial : fast.trials) oneThread.push_back(trial.score);
   }
-  ASSERT_EQ(runs[0].trials.size(), runs[1].trials.size());
-  for (size_t i = 0; i < runs[0].trials.size(); ++i) {
-    EXPECT_EQ(runs[0].trials[i].sensor, runs[1].trials[i].sensor) << i;
-    EXPECT_EQ(runs[0].trials[i].score, runs[1].trials[i].score) << i;
-    EXPECT_EQ(runs[0].trials[i].accepted, runs[1].trials[i].accepted) << i;
-  }
-  EXPECT_EQ(runs[0].best.modelPoints, runs[1].best.modelPoints);
-  EXPECT_EQ(runs[0].bestScore, runs[1].bestScore);
-}
-
-TEST(FastAnnealer, TheOptionReachesTheSearch) {
-  // Through runAnnealer: the reference switch gives the same progress text
-  // and placement.
-  std::string progress[2];
-  Constellation results[2];
-  for (int reference : {0, 1}) {
-    TrackedSurface surface(kSamples + "controller.stl", {});
-    surface.seedGenerator(4);
-    AnnealerOptions options(surface, 8);
-    options.nOrientations = 150;
-    options.nIterations = 1;
-    options.coolingRate = 0.6;
-    options.annealSeed = 9;
-    options.useReferenceScore = reference == 1;
-    ::testing::internal::CaptureStderr();
-    runAnnealer(options, results[reference]);
-    progress[reference] = ::testing::internal::GetCapturedStderr();
-  }
-  EXPECT_EQ(progress[0], progress[1]);
-  EXPECT_EQ(results[0].modelPoints, results[1].modelPoints);
-  EXPECT_NE(progress[0].find('('), std::string::npos);
 }
 
 TEST(FastAnnealer, TrialsAllocateNothing) {
   if (!testing::allocationCountingAvailable()) GTEST_SKIP() << "no allocation count under a sanitizer";
   ASSERT_GT(testing::countAllocations([] { delete new std::vector<int>(100); }), 0);  // the counter works
 
-  ThreadCount count(2);
+  // A whole search allocates in its set-up only: as much for one level of
+  // trials as for four, on two threads.
+  testing::ThreadCount count(2);
   defaultWorkerPool();
   TrackedSurface surface(kSamples + "headset.stl", {kSamples + "headset_head.stl"});
   surface.seedGenerator(2);
   auto model = makeEmptySensorModel(20);
   model->cosMaxIncidence = 0.5;
   placeInitialSensors(AnnealerOptions(surface, 20), *model);
-  ::testing::internal::CaptureStderr();
-  Annealer annealer(*model, surface, "", 1, 300, 0.5, -1.0, -1.0, 3u);
-  ::testing::internal::GetCapturedStderr();
-
-  // The scorer's trials, once it is set up.
-  FastScorer scorer(annealer.evaluator);
-  scorer.scoreAll();
-  testing::startCountingAllocations();
-  for (int i = 0; i < 300; ++i) {
-    const int32_t k = i % 20;
-    const Eigen::Vector3d point = model->points[k], normal = model->normals[k];
-    Eigen::Vector3f p = point.cast<float>(), n = normal.cast<float>();
-    annealer.moveSensor(p, n, 10.0);
-    model->points[k] = p.cast<double>();
-    model->normals[k] = n.cast<double>();
-    scorer.scoreMove(k);
-    if (i % 2 == 0) {
-      scorer.accept();
-    } else {
-      model->points[k] = point;
-      model->normals[k] = normal;
-      scorer.reject();
-    }
-  }
-  EXPECT_EQ(testing::stopCountingAllocations(), 0);
-
-  // A whole search: the allocations of its set-up, the same however many
-  // trials follow.
   long perRun[2];
   for (int iterations : {1, 4}) {
     ::testing::internal::CaptureStderr();
@@ -168,6 +111,34 @@ TEST(FastAnnealer, TrialsAllocateNothing) {
     ::testing::internal::GetCapturedStderr();
   }
   EXPECT_EQ(perRun[0], perRun[1]);
+}
+
+// The bundled devices must be usable for a design: millimetre files, closed
+// enough for rays, and with room for 6 mm sensors on most of their area, or a
+// design on them would search for ever.
+TEST(SampleDevices, MillimetreMeshesWithRoomForSensors) {
+  for (const auto& [name, obstacles] : {std::pair<std::string, std::vector<std::string>>{"headset.stl", {kSamples + "headset_head.stl"}},
+                                        {"controller.stl", {}}}) {
+    SCOPED_TRACE(name);
+    TrackedSurface surface(kSamples + name, obstacles);
+    ASSERT_GT(surface.faceCount(), 10000u);
+    EXPECT_EQ(surface.getScale(), 0.001);
+    // Positions drawn by area, with the face's own normal, as in a design.
+    // A fitting one finds its surface right below, unless something lies
+    // within a centimetre above: the head covers part of the headset's back.
+    surface.seedGenerator(1);
+    int fits = 0, onSurface = 0;
+    for (int i = 0; i < 2000; ++i) {
+      const int32_t face = surface.randomFace();
+      const Eigen::Vector3f point = surface.randomPointOnFace(face);
+      const Eigen::Vector3f normal = surface.faceNormals.row(face).transpose();
+      if (!surface.sensorFits(point, normal)) continue;
+      ++fits;
+      onSurface += surface.isOnSurface(point, normal) ? 1 : 0;
+    }
+    EXPECT_GE(fits, 1600);
+    EXPECT_GE(onSurface, 0.9 * fits);
+  }
 }
 
 }  // namespace
