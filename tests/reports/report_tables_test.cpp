@@ -8,40 +8,18 @@
 #include <sstream>
 
 #include "surface/coverage_evaluator.h"
-#include "tests/support/frontend_fixtures.h"
+#include "tests/support/quality_fixtures.h"
 
 namespace sensorlay {
 namespace {
 
 using Points = std::vector<Eigen::Vector3f>;
-
-std::unique_ptr<SensorModel> makeModel(const Points& points, const Points& normals,
-                                       std::vector<int32_t> channels = {}) {
-  Constellation c;
-  c.valid = true;
-  c.modelPoints = points;
-  c.modelNormals = normals;
-  if (channels.empty())
-    for (size_t i = 0; i < points.size(); ++i) channels.push_back(static_cast<int32_t>(i));
-  c.channelMap = channels;
-  return std::make_unique<SensorModel>(c, ModelTransform());
-}
+using testing::makeSensorModel;
 
 // Facing the station, which stands on +z of a device at its default pose.
 const Eigen::Vector3f kUp(0.0f, 0.0f, 1.0f);
 const Eigen::Vector3f kDown(0.0f, 0.0f, -1.0f);
 const Points kTetrahedron = {{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0, 0, 0.03f}};
-
-OrientationSample sampleAbout(const Eigen::Vector3d& axis, double angle) {
-  const Eigen::Quaterniond q(Eigen::AngleAxisd(angle, axis.normalized()));
-  OrientationSample s;
-  s.quaternion[0] = q.w();
-  s.quaternion[1] = q.x();
-  s.quaternion[2] = q.y();
-  s.quaternion[3] = q.z();
-  for (int i = 0; i < 3; ++i) s.rotationVector[i] = angle * axis.normalized()[i];
-  return s;
-}
 
 struct TableOutput {
   std::string out, err;
@@ -70,10 +48,9 @@ std::vector<std::string> columns(const std::string& line) {
 // The single row of a coverage table at the default pose with the device
 // facing the station.
 std::vector<std::string> facingRow(const Points& points, const Points& normals, double distance = 2.0) {
-  auto model = makeModel(points, normals);
+  auto model = makeSensorModel(points, normals);
   CoverageEvaluator evaluator;
-  evaluator.model = model.get();
-  evaluator.rebuildObservations();
+  testing::attach(evaluator, model.get());
   evaluator.samples = {OrientationSample()};
   evaluator.pose[2] = -distance;
   return columns(printTable(evaluator).out);
@@ -104,12 +81,11 @@ TEST(ReportGrid, RowCountsFollowTheRunningSums) {
   for (const OrientationSample& s : evaluator.samples) {
     const Eigen::Quaterniond q(s.quaternion[0], s.quaternion[1], s.quaternion[2], s.quaternion[3]);
     const Eigen::Vector3d d(s.direction[0], s.direction[1], s.direction[2]);
-    EXPECT_GE(q.w(), 0.0);
-    EXPECT_NEAR(q.norm(), 1.0, 1e-12);
-    EXPECT_LT((q * d - Eigen::Vector3d::UnitZ()).norm(), 1e-7) << s.longitude << " " << s.latitude;
-    const Eigen::Vector3d v(s.rotationVector[0], s.rotationVector[1], s.rotationVector[2]);
     const Eigen::AngleAxisd back(q);
-    EXPECT_LT((back.angle() * back.axis() - v).norm(), 1e-9);
+    const Eigen::Vector3d v(s.rotationVector[0], s.rotationVector[1], s.rotationVector[2]);
+    EXPECT_TRUE(q.w() >= 0.0 && std::abs(q.norm() - 1.0) < 1e-12 && (q * d - Eigen::Vector3d::UnitZ()).norm() < 1e-7 &&
+                (back.angle() * back.axis() - v).norm() < 1e-9)
+        << s.longitude << " " << s.latitude;
   }
 }
 
@@ -173,11 +149,10 @@ TEST(CoverageTable, SigmasAreClampedAndFailTheGrade) {
 TEST(CoverageTable, NeverSeenSensorsAndTheStraightAheadRow) {
   // Over the whole sphere every sensor faces the station somewhere, but for
   // one with a zero normal (not a number after reading), on channel 9.
-  auto model = makeModel({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0, 0, 0.03f}}, {kUp, kUp, kDown, {0, 0, 0}},
+  auto model = makeSensorModel({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0, 0, 0.03f}}, {kUp, kUp, kDown, {0, 0, 0}},
                          {3, 4, 7, 9});
   CoverageEvaluator evaluator;
-  evaluator.model = model.get();
-  evaluator.rebuildObservations();
+  testing::attach(evaluator, model.get());
   // At 45 degrees the running sums land on zero: one sample looks straight
   // ahead, and its orientation is not a number.
   evaluator.buildReportGrid(6.283185307179586, degreesToStep(45.0));
@@ -193,11 +168,11 @@ TEST(CoverageTable, NeverSeenSensorsAndTheStraightAheadRow) {
 TEST(SensitivityTable, PositionTurnsWithTheDevice) {
   Points five = kTetrahedron;
   five.push_back({0.05f, 0.05f, 0.01f});
-  auto model = makeModel(five, Points(5, kUp));
+  auto model = makeSensorModel(five, Points(5, kUp));
   CoverageEvaluator evaluator;
-  evaluator.model = model.get();
-  evaluator.rebuildObservations();
-  evaluator.samples = {OrientationSample(), sampleAbout(Eigen::Vector3d::UnitY(), M_PI / 6.0)};
+  testing::attach(evaluator, model.get());
+  // The second sample turns by 30 degrees about y.
+  evaluator.samples = {OrientationSample(), {0, 0, {0, M_PI / 6.0, 0}, {std::cos(M_PI / 12.0), 0, std::sin(M_PI / 12.0), 0}}};
   const TableOutput table = printTable(evaluator, true);
   std::istringstream lines(table.out);
   std::string ahead, turned;
@@ -218,7 +193,7 @@ TEST(SensitivityTable, PositionTurnsWithTheDevice) {
 
 TEST(PoseSolvability, AxesAreCountedOncePerSensor) {
   Points six = {{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0}, {0, 0, 0.05f}, {0.05f, 0, 0.05f}};
-  auto model = makeModel(six, Points(6, kUp));
+  auto model = makeSensorModel(six, Points(6, kUp));
   std::vector<AxisObservation> hits;
   // The four coplanar sensors on both axes, one lifted sensor on each axis
   // alone: only the per-axis sets span a volume.
@@ -240,25 +215,24 @@ TEST(PoseSolvability, AxesAreCountedOncePerSensor) {
   // plane of the other three. Within minSpread it stays flat; beyond, it spans.
   const int32_t plane[] = {0, 1, 2, 3};
   EXPECT_FALSE(check.spansVolume(plane, 4));
-  auto nearPlane = makeModel({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0.0084f}}, Points(4, kUp));
+  auto nearPlane = makeSensorModel({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0.0084f}}, Points(4, kUp));
   EXPECT_FALSE(PoseSolvability(*nearPlane, hits).spansVolume(plane, 4));
-  auto offPlane = makeModel({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0.0086f}}, Points(4, kUp));
+  auto offPlane = makeSensorModel({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0.0086f}}, Points(4, kUp));
   EXPECT_TRUE(PoseSolvability(*offPlane, hits).spansVolume(plane, 4));
 }
 
 TEST(ReportLimits, ModelsBeyondTheMatrixAreRefused) {
   Points many(33, kUp), normals(33, kUp);
   for (size_t i = 0; i < many.size(); ++i) many[i] = Eigen::Vector3f(0.01f * i, 0.001f * i * i, 0);
-  auto tooMany = makeModel(many, normals);
+  auto tooMany = makeSensorModel(many, normals);
   EXPECT_NE(reportModelProblem(*tooMany).find("at most 32"), std::string::npos);
-  auto highChannel = makeModel(kTetrahedron, Points(4, kUp), {0, 1, 2, 32});
+  auto highChannel = makeSensorModel(kTetrahedron, Points(4, kUp), {0, 1, 2, 32});
   EXPECT_NE(reportModelProblem(*highChannel).find("channel 32"), std::string::npos);
-  auto full = makeModel({many.begin(), many.begin() + 32}, {normals.begin(), normals.begin() + 32});
+  auto full = makeSensorModel({many.begin(), many.begin() + 32}, {normals.begin(), normals.begin() + 32});
   EXPECT_EQ(reportModelProblem(*full), "");
 
   CoverageEvaluator evaluator;
-  evaluator.model = tooMany.get();
-  evaluator.rebuildObservations();
+  testing::attach(evaluator, tooMany.get());
   evaluator.samples = {OrientationSample()};
   const TableOutput table = printTable(evaluator);
   EXPECT_EQ(table.out, "");

@@ -1,9 +1,14 @@
 // The tables are computed in blocks on several threads; whatever the thread
 // count, they must print the same bytes on both streams and leave the
-// evaluator as the rows one after another on one thread leave it.
+// evaluator as the rows one after another on one thread leave it, and their
+// rows must not allocate.
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -13,8 +18,8 @@
 #include "surface/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
 #include "surface/worker_pool.h"
-#include "tests/support/meshes.h"
-#include "tests/support/run_binary.h"
+#include "tests/support/allocation_counter.h"
+#include "tests/support/quality_fixtures.h"
 #include "tests/support/surface_fixtures.h"
 
 namespace sensorlay {
@@ -35,20 +40,18 @@ struct Fixture {
     surface = testing::buildSurface(
         dir, testing::sphereMesh(0.05f, 24, 24),
         testing::concat(testing::plateMesh(0.06f, 0.08f), testing::boxMesh(buried - half, buried + half)));
-    Constellation c;
-    c.valid = true;
+    std::vector<Eigen::Vector3f> points, normals;
+    std::vector<int32_t> channels;
     for (int i = 0; i < 12; ++i) {
-      const float z = 0.9f - 1.6f * i / 11.0f;
-      const float r = std::sqrt(1.0f - z * z);
-      const Eigen::Vector3f n(r * std::cos(2.4f * i), r * std::sin(2.4f * i), z);
-      c.channelMap.push_back(2 * i + 1);
-      c.modelPoints.push_back(n * 0.0499f);
-      c.modelNormals.push_back(n);
+      const float z = 0.9f - 1.6f * i / 11.0f, r = std::sqrt(1.0f - z * z);
+      normals.push_back({r * std::cos(2.4f * i), r * std::sin(2.4f * i), z});
+      points.push_back(normals.back() * 0.0499f);
+      channels.push_back(2 * i + 1);
     }
-    c.channelMap.push_back(25);
-    c.modelPoints.push_back(buried);
-    c.modelNormals.push_back({0.0f, 0.0f, -1.0f});
-    model = std::make_unique<SensorModel>(c, ModelTransform());
+    points.push_back(buried);
+    normals.push_back({0.0f, 0.0f, -1.0f});
+    channels.push_back(25);
+    model = testing::makeSensorModel(points, normals, channels);
   }
   TempDir dir;
   std::unique_ptr<TrackedSurface> surface;
@@ -84,11 +87,9 @@ TEST(TableThreads, EveryThreadCountPrintsTheOneThreadTable) {
                      " tilt " + std::to_string(tilt));
         TableRun runs[3];
         for (int threads : {1, 2, 3}) {
-          CoverageEvaluator evaluator;  // set up as the analysis run does it
-          evaluator.model = f.model.get();
-          evaluator.surface = f.surface.get();
+          CoverageEvaluator evaluator;
           if (tilt != 0.0) evaluator.stationConfig = {7, degrees(tilt)};
-          evaluator.rebuildObservations();
+          testing::attach(evaluator, f.model.get(), f.surface.get());
           evaluator.buildReportGrid(kFullTurn, degrees(step));
           evaluator.pose[2] = -1.5;
           runs[threads - 1] = printOnThreads(evaluator, threads, sensitivity);
@@ -116,21 +117,12 @@ TEST(TableThreads, ASensorSeenInOneRowIsSeenWhicheverThreadHadIt) {
   // device round and sees only the second. Whichever thread computed that row,
   // its line stands in its place and the second sensor counts as seen; when
   // it is the last row, the evaluator keeps its bits and pose.
-  Constellation c;
-  c.valid = true;
-  c.channelMap = {5, 6};
-  c.modelPoints = {{0.0f, 0.0f, 0.01f}, {0.0f, 0.0f, -0.01f}};
-  c.modelNormals = {{0.0f, 0.0f, 1.0f}, {0.0f, 0.0f, -1.0f}};
-  SensorModel model(c, ModelTransform());
-  OrientationSample turned;  // half a turn about x
-  turned.quaternion[0] = 0.0;
-  turned.quaternion[1] = 1.0;
-  turned.rotationVector[0] = 3.141592653589793;
+  auto model = testing::makeSensorModel({{0.0f, 0.0f, 0.01f}, {0.0f, 0.0f, -0.01f}}, {{0, 0, 1}, {0, 0, -1}}, {5, 6});
+  const OrientationSample turned{0, 0, {3.141592653589793, 0, 0}, {0, 1, 0, 0}};  // half a turn about x
   for (int threads : {2, 3})
     for (size_t row : {0, 57, 120, 199}) {
       CoverageEvaluator evaluator;
-      evaluator.model = &model;
-      evaluator.rebuildObservations();
+      testing::attach(evaluator, model.get());
       evaluator.samples.assign(200, OrientationSample());
       evaluator.samples[row] = turned;
       const TableRun run = printOnThreads(evaluator, threads, false);
@@ -166,6 +158,51 @@ TEST(TableThreadsDeathTest, AMissingPositionEndsTheProcessFromTheCaller) {
         evaluator.printCoverageTable();
       },
       ::testing::ExitedWithCode(1), "The sensor model has no position for channel 7\\.");
+}
+
+// Allocations of one table, sent to /dev/null.
+long allocationsOfTable(CoverageEvaluator& evaluator, bool sensitivity) {
+  std::fflush(stdout);
+  const int saved = dup(1), devNull = open("/dev/null", O_WRONLY);
+  dup2(devNull, 1);
+  const long count = testing::countAllocations(
+      [&] { sensitivity ? evaluator.printSensitivityTable() : evaluator.printCoverageTable(); });
+  std::fflush(stdout);
+  dup2(saved, 1);
+  close(saved);
+  close(devNull);
+  return count;
+}
+
+// A row casts a ray for each sensor that faces the station and solves a 6 x 6
+// system; none of it may allocate, or the default table of a quarter of a
+// million rows would allocate millions of times. The set-up of a table (the
+// threads' own state and text buffers) allocates a fixed number of times.
+TEST(TableAllocation, RowsAndPoolRunsAllocateNothing) {
+  if (!testing::allocationCountingAvailable()) GTEST_SKIP() << "the allocator is not ours to count";
+  Fixture f;
+  CoverageEvaluator evaluator;
+  testing::attach(evaluator, f.model.get(), f.surface.get());
+  for (int threads : {1, 2, 3}) {
+    setDefaultThreadCount(threads);
+    WorkerPool& pool = defaultWorkerPool();  // the threads start before counting
+    std::atomic<long> sum{0};
+    EXPECT_EQ(testing::countAllocations([&] { pool.run(100, [&](int i) { sum += i; }); }), 0) << threads;
+    // Over 2701 directions and over 16,471, which take more than one wave of
+    // blocks: a cost per row or per block would show as a difference.
+    for (bool sensitivity : {false, true}) {
+      ::testing::internal::CaptureStderr();
+      evaluator.buildReportGrid(kFullTurn, degrees(5.0));
+      const long few = allocationsOfTable(evaluator, sensitivity);
+      evaluator.buildReportGrid(kFullTurn, degrees(2.0));
+      const long many = allocationsOfTable(evaluator, sensitivity);
+      ::testing::internal::GetCapturedStderr();
+      EXPECT_EQ(few, many) << threads << " threads";
+      EXPECT_GE(many, 1);  // the set-up is seen: the counter works
+      EXPECT_LE(many, 16 + 16 * threads) << threads << " threads";
+    }
+  }
+  setDefaultThreadCount(0);
 }
 
 }  // namespace
