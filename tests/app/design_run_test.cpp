@@ -15,10 +15,10 @@
 #include "model/json_io.h"
 #include "model/model_file.h"
 #include "model/scad_writer.h"
-#include "surface/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
 #include "tests/support/meshes.h"
 #include "tests/support/run_binary.h"
+#include "tests/support/score_runs.h"
 
 namespace sensorlay {
 namespace {
@@ -45,23 +45,13 @@ std::string recomputedScore(const std::string& modelPath, const std::string& sur
   if (!model) return "unreadable model";
   TrackedSurface surface(surfacePath, obstaclePaths);
   model->cosMaxIncidence = std::cos((60.0 - std::asin(1.9 / std::sqrt(30.0))) * 0.017453292519943295);
-  CoverageEvaluator evaluator;
-  evaluator.model = model.get();
-  evaluator.rebuildObservations();
-  evaluator.surface = &surface;
-  evaluator.rebuildObservations();
-  ::testing::internal::CaptureStderr();
-  evaluator.sampleOrientations(30);
-  ::testing::internal::GetCapturedStderr();
   std::ostringstream text;
-  text << evaluator.scorePlacement();
+  text << testing::freshScore(model.get(), &surface, 30);
   return text.str();
 }
 
 // A coverage row holds longitude, latitude, the distance and 0.0.
-void expectCoverageTable(const RunResult& run) {
-  EXPECT_NE(firstLine(run.out).find(" 2.0 0.0 "), std::string::npos) << run.err;
-}
+void expectCoverageTable(const RunResult& run) { EXPECT_NE(firstLine(run.out).find(" 2.0 0.0 "), std::string::npos); }
 
 TEST(DesignRun, EightSensorsAroundFiveFixedOnes) {
   testing::TempDir dir;
