@@ -332,11 +332,8 @@ JsonOut writeDeviceRecord(const DeviceConfig& config) {
     root["head"] = writeAxesTransform(config.trackrefFromHead, AxesFrom::RotationMatrix);
   }
 
-  if (config.constellation.valid) {
-    // A valid record without sensors has no section to write.
-    JsonOut model = constellationToJson(config.constellation);
-    if (!model.isNull()) root["beaconet_config"] = model;
-  }
+  // A valid record without sensors writes as null, which reads back as no model.
+  if (config.constellation.valid) root["beaconet_config"] = constellationToJson(config.constellation);
 
   writeCameraSet(root, config.ispDrivers, config.cameras, config.jsonFormat);
 

@@ -109,6 +109,12 @@ TEST(DeviceConfig, ClassesAndTheDisplayRequirement) {
   const DeviceConfig controller = parseOk("{ \"device_class\": \"Controller\" }");
   EXPECT_EQ(controller.deviceClass, DeviceClass::Controller);
   EXPECT_EQ(controller.jsonFormat, 0);
+
+  // A model section that is complete but empty stays as a null section.
+  const DeviceConfig empty = parseOk(
+      R"({ "device_class": "controller", "beaconet_config": { "channelMap": [], "modelPoints": [], "modelNormals": [] } })");
+  ASSERT_TRUE(writeDeviceRecord(empty).isMember("beaconet_config"));
+  EXPECT_TRUE(writeDeviceRecord(empty).find("beaconet_config")->isNull());
 }
 
 TEST(DeviceConfig, EdidIds) {
