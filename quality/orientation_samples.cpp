@@ -2,6 +2,7 @@
 #include <iostream>
 #include <random>
 
+#include "quality/rotation_math.h"
 #include "surface/coverage_evaluator.h"
 #include "surface/random_draws.h"
 
@@ -21,43 +22,11 @@ void rotationOntoZ(const double d[3], double q[4]) {
   const double m10 = -k * x * y, m11 = 1.0 - k * y * y, m12 = -y;
   const double m20 = x, m21 = y, m22 = 1.0 - k * (x * x + y * y);
 
-  double w, a, b, c;
-  const double trace = m00 + m11 + m22;
-  if (trace > 0.0) {
-    const double s = std::sqrt(trace + 1.0) * 2.0;
-    w = 0.25 * s;
-    a = (m21 - m12) / s;
-    b = (m02 - m20) / s;
-    c = (m10 - m01) / s;
-  } else if (m00 > m11 && m00 > m22) {
-    const double s = std::sqrt(1.0 + m00 - m11 - m22) * 2.0;
-    w = (m21 - m12) / s;
-    a = 0.25 * s;
-    b = (m01 + m10) / s;
-    c = (m02 + m20) / s;
-  } else if (m11 > m22) {
-    const double s = std::sqrt(1.0 + m11 - m00 - m22) * 2.0;
-    w = (m02 - m20) / s;
-    a = (m01 + m10) / s;
-    b = 0.25 * s;
-    c = (m12 + m21) / s;
-  } else {
-    const double s = std::sqrt(1.0 + m22 - m00 - m11) * 2.0;
-    w = (m10 - m01) / s;
-    a = (m02 + m20) / s;
-    b = (m12 + m21) / s;
-    c = 0.25 * s;
-  }
-  if (!(w >= 0.0)) {
-    w = -w;
-    a = -a;
-    b = -b;
-    c = -c;
-  }
-  q[0] = w;
-  q[1] = a;
-  q[2] = b;
-  q[3] = c;
+  Eigen::Matrix3d m;
+  m << m00, m01, m02,  //
+      m10, m11, m12,   //
+      m20, m21, m22;
+  quaternionFromRotationMatrix(m, q);
 }
 
 void quaternionToRotationVector(const double q[4], double v[3]) {

@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "observation/sweep_model.h"
+#include "quality/rotation_math.h"
 #include "surface/coverage_evaluator.h"
 #include "surface/worker_pool.h"
 
@@ -542,43 +543,9 @@ void CoverageEvaluator::buildReportGrid(double span, double step) {
           -dx, -dy, 0.0;  // cross-product matrix of (-dy, dx, 0)
       const Eigen::Matrix3d M = Eigen::Matrix3d::Identity() - V + k * (V * V);
 
-      double w, x, y, z;
-      const double trace = M(0, 0) + M(1, 1) + M(2, 2);
-      if (trace > 0.0) {
-        const double t = std::sqrt(trace + 1.0);
-        w = 0.5 * t;
-        const double f = 0.5 / t;
-        x = (M(2, 1) - M(1, 2)) * f;
-        y = (M(0, 2) - M(2, 0)) * f;
-        z = (M(1, 0) - M(0, 1)) * f;
-      } else if (M(0, 0) > M(1, 1) && M(0, 0) > M(2, 2)) {
-        const double t = std::sqrt(M(0, 0) - M(1, 1) - M(2, 2) + 1.0);
-        x = 0.5 * t;
-        const double f = 0.5 / t;
-        w = (M(2, 1) - M(1, 2)) * f;
-        y = (M(0, 1) + M(1, 0)) * f;
-        z = (M(0, 2) + M(2, 0)) * f;
-      } else if (M(1, 1) > M(2, 2)) {
-        const double t = std::sqrt(M(1, 1) - M(0, 0) - M(2, 2) + 1.0);
-        y = 0.5 * t;
-        const double f = 0.5 / t;
-        w = (M(0, 2) - M(2, 0)) * f;
-        x = (M(0, 1) + M(1, 0)) * f;
-        z = (M(1, 2) + M(2, 1)) * f;
-      } else {
-        const double t = std::sqrt(M(2, 2) - M(0, 0) - M(1, 1) + 1.0);
-        z = 0.5 * t;
-        const double f = 0.5 / t;
-        w = (M(1, 0) - M(0, 1)) * f;
-        x = (M(0, 2) + M(2, 0)) * f;
-        y = (M(1, 2) + M(2, 1)) * f;
-      }
-      if (w < 0.0) {
-        w = -w;
-        x = -x;
-        y = -y;
-        z = -z;
-      }
+      double q[4];
+      quaternionFromRotationMatrix(M, q);
+      const double w = q[0], x = q[1], y = q[2], z = q[3];
 
       const double n2 = x * x + y * y + z * z;
       double factor = 2.0;

@@ -82,7 +82,9 @@ TEST(QualityMap, UnreadableFilesLeaveNoMap) {
     const std::string prefix = "Error loading quality map image '" + dir.file(name) + "' : ";
     // A reason follows the name, on the same line.
     EXPECT_TRUE(err.rfind(prefix, 0) == 0 && err.size() > prefix.size() + 1 && err.back() == '\n') << err;
-    if (std::string(name) == "missing.png") EXPECT_EQ(err, prefix + "can't fopen\n");
+    if (std::string(name) == "missing.png") {
+      EXPECT_EQ(err, prefix + "can't fopen\n");
+    }
     EXPECT_TRUE(evaluator.qualityMapPixels.empty());
     EXPECT_EQ(evaluator.qualityMapWidth + evaluator.qualityMapHeight, 0);
   }

@@ -1,0 +1,53 @@
+#pragma once
+// Turning a rotation matrix into a unit quaternion, shared by the orientation
+// samples of the score and the direction grid of the report tables.
+
+#include <Eigen/Core>
+
+#include <cmath>
+
+namespace sensorlay {
+
+// The quaternion (w, x, y, z) of rotation matrix `m`, from the trace when it
+// is positive and otherwise from the largest diagonal element, with w made
+// not negative. A matrix of not-a-numbers gives not-a-numbers.
+inline void quaternionFromRotationMatrix(const Eigen::Matrix3d& m, double q[4]) {
+  double w, x, y, z;
+  const double trace = m(0, 0) + m(1, 1) + m(2, 2);
+  if (trace > 0.0) {
+    const double t = std::sqrt(trace + 1.0);
+    w = 0.5 * t;
+    const double f = 0.5 / t;
+    x = (m(2, 1) - m(1, 2)) * f;
+    y = (m(0, 2) - m(2, 0)) * f;
+    z = (m(1, 0) - m(0, 1)) * f;
+  } else if (m(0, 0) > m(1, 1) && m(0, 0) > m(2, 2)) {
+    const double t = std::sqrt(m(0, 0) - m(1, 1) - m(2, 2) + 1.0);
+    x = 0.5 * t;
+    const double f = 0.5 / t;
+    w = (m(2, 1) - m(1, 2)) * f;
+    y = (m(0, 1) + m(1, 0)) * f;
+    z = (m(0, 2) + m(2, 0)) * f;
+  } else if (m(1, 1) > m(2, 2)) {
+    const double t = std::sqrt(m(1, 1) - m(0, 0) - m(2, 2) + 1.0);
+    y = 0.5 * t;
+    const double f = 0.5 / t;
+    w = (m(0, 2) - m(2, 0)) * f;
+    x = (m(0, 1) + m(1, 0)) * f;
+    z = (m(1, 2) + m(2, 1)) * f;
+  } else {
+    const double t = std::sqrt(m(2, 2) - m(0, 0) - m(1, 1) + 1.0);
+    z = 0.5 * t;
+    const double f = 0.5 / t;
+    w = (m(1, 0) - m(0, 1)) * f;
+    x = (m(0, 2) + m(2, 0)) * f;
+    y = (m(1, 2) + m(2, 1)) * f;
+  }
+  const double sign = w < 0.0 ? -1.0 : 1.0;
+  q[0] = sign * w;
+  q[1] = sign * x;
+  q[2] = sign * y;
+  q[3] = sign * z;
+}
+
+}  // namespace sensorlay
