@@ -6,19 +6,17 @@
 
 namespace sensorlay {
 
-double sampleValue(const CoverageEvaluator& evaluator, ScoreScratch& scratch, int32_t rows) {
+void informationInverse(const Eigen::MatrixXd& measurementInformation, ScoreScratch& scratch, int32_t rows) {
   const ScoreScratch::Jacobian& J = scratch.jacobian;
   // W is the top-left block of the inverse of the full covariance, used in
   // place; it is not the inverse of the covariance's block.
-  const auto W = evaluator.measurementInformation.topLeftCorner(rows, rows);
+  const auto W = measurementInformation.topLeftCorner(rows, rows);
   scratch.weightedTranspose.noalias() = J.transpose() * W;
   scratch.information.noalias() = scratch.weightedTranspose * J;
 
   // The steps of Eigen's inverse of a dynamic matrix, done in the kept
   // buffers (its Inverse expression would copy the decomposition each
-  // time): LU with partial pivoting, then P I solved against L and U. No
-  // singularity test: a singular A gives infinite or not-a-number variances,
-  // which the test on x below settles.
+  // time): LU with partial pivoting, then P I solved against L and U.
   scratch.lu.compute(scratch.information);
   Eigen::MatrixXd& C = scratch.covariance;
   C.setZero();
@@ -26,9 +24,14 @@ double sampleValue(const CoverageEvaluator& evaluator, ScoreScratch& scratch, in
   for (int i = 0; i < 6; ++i) C(permutation(i), i) = 1.0;
   scratch.lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(C);
   scratch.lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(C);
+}
 
+double sampleValue(const CoverageEvaluator& evaluator, ScoreScratch& scratch, int32_t rows) {
+  informationInverse(evaluator.measurementInformation, scratch, rows);
+  const Eigen::MatrixXd& C = scratch.covariance;
   // Position and rotation uncertainty added as plain numbers: 1 mm weighs
-  // as much as 1 mrad.
+  // as much as 1 mrad. Infinite or not-a-number variances of a singular A
+  // end here.
   const double x = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2)) + std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
   return std::isnan(x) ? kNoAnswer
                        : std::tanh(evaluator.qualityGain * x + evaluator.qualityBias) + evaluator.qualityBase;

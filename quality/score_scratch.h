@@ -34,6 +34,12 @@ struct ScoreScratch {
   Eigen::PartialPivLU<Eigen::MatrixXd> lu;
 };
 
+// scratch.covariance = (J^T W J)^-1 for the `rows` Jacobian rows standing in
+// scratch.jacobian, with W the top-left block of `measurementInformation`
+// used in place, inverted by LU with partial pivoting. No singularity test: a
+// singular A gives infinite or not-a-number entries.
+void informationInverse(const Eigen::MatrixXd& measurementInformation, ScoreScratch& scratch, int32_t rows);
+
 // The unweighted value of one sample whose `rows` Jacobian rows stand in
 // scratch.jacobian: A = J^T W J with W the top-left block of the evaluator's
 // measurementInformation, A inverted by LU with partial pivoting, the pose

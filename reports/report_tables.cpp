@@ -16,6 +16,7 @@
 
 #include "observation/sweep_model.h"
 #include "quality/rotation_math.h"
+#include "quality/score_scratch.h"
 #include "surface/coverage_evaluator.h"
 #include "surface/worker_pool.h"
 
@@ -91,15 +92,6 @@ class TextBuffer {
   size_t used_ = 0;
 };
 
-using Matrix6d = Eigen::Matrix<double, 6, 6>;
-
-// The buffers of one thread's rows, made once per table.
-struct RowScratch {
-  double angles[kMaxObservationRows];
-  double jacobian[kMaxObservationRows * 6];  // row-major
-  double weighted[kMaxObservationRows * 6];  // W J, row-major
-};
-
 // What one thread changes while it computes rows: its own copy of the
 // observation set, whose visibleNow bits the Jacobian reads and whose
 // everVisible bits are OR-ed into the evaluator's at the end, its own pose and
@@ -112,7 +104,7 @@ struct alignas(64) RowWorker {
   }
   SweepObservationSet view;
   std::array<double, 7> pose;
-  RowScratch scratch;
+  ScoreScratch scratch;  // the buffers of its rows, made once per table
   std::vector<AxisObservation> hits;
   // The channel without a position that stopped this thread's last row, or -1.
   int32_t missingChannel = -1;
@@ -134,38 +126,16 @@ int32_t markVisibleSensors(SweepObservationSet& set, const double pose[7]) {
   return count;
 }
 
-// C = (J^T W J)^-1 for the visible sensors of `set` at the first six pose
-// numbers, with W the top-left block of the information matrix, used in
-// place. False when the Jacobian cannot be had; C is then untouched. No test
-// for singularity: a singular A shows up as non-finite numbers that the
-// caller clamps.
-bool poseCovariance(const SweepObservationSet& set, const double pose[6], const Eigen::MatrixXd& W, int32_t visible,
-                    RowScratch& scratch, Matrix6d& C) {
+// C = (J^T W J)^-1 into scratch.covariance for the visible sensors of `set`
+// at the first six pose numbers, the same computation as the score's. False
+// when the Jacobian cannot be had; C is then not to be read.
+bool poseCovariance(const SweepObservationSet& set, const double pose[6], const Eigen::MatrixXd& information,
+                    int32_t visible, ScoreScratch& scratch) {
   const int32_t rows = 2 * visible;
-  if (rows > kMaxObservationRows || rows > W.rows() || rows > W.cols()) return false;
-  if (!differentiateObservations(set, pose, rows, scratch.angles, scratch.jacobian)) return false;
-
-  const double* J = scratch.jacobian;
-  double* WJ = scratch.weighted;
-  for (int32_t r = 0; r < rows; ++r) {
-    double sum[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
-    for (int32_t s = 0; s < rows; ++s) {
-      const double w = W(r, s);
-      const double* Js = J + 6 * s;
-      for (int c = 0; c < 6; ++c) sum[c] += w * Js[c];
-    }
-    for (int c = 0; c < 6; ++c) WJ[6 * r + c] = sum[c];
-  }
-  Matrix6d A;
-  for (int i = 0; i < 6; ++i)
-    for (int j = 0; j < 6; ++j) {
-      double sum = 0.0;
-      for (int32_t r = 0; r < rows; ++r) sum += J[6 * r + i] * WJ[6 * r + j];
-      A(i, j) = sum;
-    }
-  // LU with partial pivoting, as for any 6 x 6 matrix; fixed size keeps it off
-  // the heap.
-  C = A.inverse();
+  if (rows > kMaxObservationRows || rows > information.rows() || rows > information.cols()) return false;
+  scratch.jacobian.resize(rows, 6);
+  if (!differentiateObservations(set, pose, rows, scratch.angles, scratch.jacobian.data())) return false;
+  informationInverse(information, scratch, rows);
   return true;
 }
 
@@ -184,8 +154,8 @@ bool coverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sa
   double rotationSigma = 1.0;
   if (visible != 0) {
     for (int i = 0; i < 3; ++i) pose[3 + i] = sample.rotationVector[i];
-    Matrix6d C;
-    if (poseCovariance(w.view, pose, evaluator.measurementInformation, visible, w.scratch, C)) {
+    if (poseCovariance(w.view, pose, evaluator.measurementInformation, visible, w.scratch)) {
+      const Eigen::MatrixXd& C = w.scratch.covariance;
       // The variances are summed first, then one root is taken.
       positionSigma = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2));
       rotationSigma = std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
@@ -250,8 +220,8 @@ bool sensitivityRow(const CoverageEvaluator& evaluator, const OrientationSample&
   double sigma[3] = {1.0, 1.0, 1.0};
   if (visible != 0) {
     for (int i = 0; i < 3; ++i) pose[3 + i] = rotationVector[i];
-    Matrix6d C;
-    if (poseCovariance(w.view, pose, evaluator.measurementInformation, visible, w.scratch, C))
+    const Eigen::MatrixXd& C = w.scratch.covariance;
+    if (poseCovariance(w.view, pose, evaluator.measurementInformation, visible, w.scratch))
       for (int i = 0; i < 3; ++i) sigma[i] = std::sqrt(C(i, i));
   }
   for (double& s : sigma)
