@@ -18,8 +18,8 @@ constexpr int kCandidates = 10;
 void rotationOntoZ(const double d[3], double q[4]) {
   const double x = d[0], y = d[1], z = d[2];
   const double k = (1.0 - z) / (x * x + y * y);
-  const double m00 = 1.0 - k * x * x, m01 = -k * x * y, m02 = -x;
-  const double m10 = -k * x * y, m11 = 1.0 - k * y * y, m12 = -y;
+  const double m00 = 1.0 - k * (x * x), m01 = -k * x * y, m02 = -x;
+  const double m10 = -k * x * y, m11 = 1.0 - k * (y * y), m12 = -y;
   const double m20 = x, m21 = y, m22 = 1.0 - k * (x * x + y * y);
 
   Eigen::Matrix3d m;
@@ -32,16 +32,18 @@ void rotationOntoZ(const double d[3], double q[4]) {
 void quaternionToRotationVector(const double q[4], double v[3]) {
   const double w = q[0], a = q[1], b = q[2], c = q[3];
   const double s2 = a * a + b * b + c * c;
-  double k = 2.0;
-  if (s2 > 0.0) {
-    const double n = std::sqrt(s2);
-    // For w below 0 the angle is taken the short way round.
-    const double angle = w < 0.0 ? std::atan2(-n, -w) : std::atan2(n, w);
-    k = 2.0 * angle / n;
+  if (!(s2 > 0.0)) {
+    v[0] = a * 2.0;
+    v[1] = b * 2.0;
+    v[2] = c * 2.0;
+    return;
   }
-  v[0] = a * k;
-  v[1] = b * k;
-  v[2] = c * k;
+  const double n = std::sqrt(s2);
+  // For w below 0 the angle is taken the short way round.
+  const double angle = w < 0.0 ? std::atan2(-n, -w) : std::atan2(n, w);
+  v[0] = a * 2.0 * angle / n;
+  v[1] = b * 2.0 * angle / n;
+  v[2] = c * 2.0 * angle / n;
 }
 
 }  // namespace

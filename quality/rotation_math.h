@@ -29,7 +29,7 @@ inline void quaternionFromRotationMatrix(const Eigen::Matrix3d& m, double q[4]) 
     y = (m(0, 1) + m(1, 0)) * f;
     z = (m(0, 2) + m(2, 0)) * f;
   } else if (m(1, 1) > m(2, 2)) {
-    const double t = std::sqrt(m(1, 1) - m(0, 0) - m(2, 2) + 1.0);
+    const double t = std::sqrt(m(1, 1) - m(2, 2) - m(0, 0) + 1.0);
     y = 0.5 * t;
     const double f = 0.5 / t;
     w = (m(0, 2) - m(2, 0)) * f;
