@@ -44,7 +44,8 @@ bool scanDouble(const char* text, double& field) {
     std::fprintf(stderr, "Unrecognized json format [ %s ]. Allowed values {0,1,2}\n", formatToken);
     format = 0;
   }
-  if (fileToken == nullptr || fileToken[0] == '\0') {
+  // An empty token is a file name like any other; only a missing one fails.
+  if (fileToken == nullptr) {
     std::fprintf(stderr, "/formatconvert %s needs a device file: /formatconvert <jsonformatnumber> <object.json>\n",
                  formatToken);
     std::exit(1);

@@ -271,6 +271,11 @@ void readDeviceRecord(DeviceConfig& config, const Json::Value& root) {
   config.mfgBuildInfo = jsonMember(root, "mfg_build_info");
 }
 
+namespace {
+// What any exception while reading a device file comes to.
+constexpr const char* kCatchAllText = "exception thrown in JSON library";
+}  // namespace
+
 bool parseDeviceConfig(DeviceConfig& config, std::string& errorText, const std::string& text) {
   errorText.clear();
   if (text.empty()) {
@@ -281,9 +286,11 @@ bool parseDeviceConfig(DeviceConfig& config, std::string& errorText, const std::
   try {
     Json::Value root;
     std::string errors;
-    if (!parseJsonText(text, root, errors)) {
+    bool threw = false;
+    if (!parseJsonText(text, root, errors, &threw)) {
       resetDeviceConfig(config);
-      errorText = errors;
+      // The reader throws on nesting deeper than its limit.
+      errorText = threw ? kCatchAllText : errors;
       return false;
     }
     readDeviceRecord(config, root);
@@ -298,7 +305,7 @@ bool parseDeviceConfig(DeviceConfig& config, std::string& errorText, const std::
     // Type errors of the JSON value class, our own container checks and the
     // hex conversion of the EDID product id all end here alike.
     resetDeviceConfig(config);
-    errorText = "exception thrown in JSON library";
+    errorText = kCatchAllText;
     return false;
   }
 }

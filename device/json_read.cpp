@@ -108,21 +108,33 @@ std::string readString(const Json::Value& object, const char* key, const std::st
   return v.isString() ? v.asString() : fallback;
 }
 
+namespace {
+
+// An element read as a number: missing or null is the fallback, a truth value
+// 1 or 0; text or a container inside a numeric array is a type error.
+double elementNumber(const Json::Value& array, unsigned index, double fallback) {
+  const Json::Value& v = jsonElement(array, index);
+  if (v.isNull()) return fallback;
+  if (v.isBool()) return v.asBool() ? 1.0 : 0.0;
+  if (!v.isNumeric()) throw DeviceJsonError("an element of a numeric array is not a number");
+  return v.asDouble();
+}
+
+}  // namespace
+
 float elementFloat(const Json::Value& array, unsigned index, float fallback) {
-  double v = 0.0;
-  if (!jsonToDouble(jsonElement(array, index), v)) return fallback;
-  return narrowToFloat(v);
+  return narrowToFloat(elementNumber(array, index, fallback));
 }
 
 double elementDouble(const Json::Value& array, unsigned index, double fallback) {
-  double v = 0.0;
-  if (!jsonToDouble(jsonElement(array, index), v)) return fallback;
-  return v;
+  return elementNumber(array, index, fallback);
 }
 
 std::string elementString(const Json::Value& array, unsigned index) {
   const Json::Value& v = jsonElement(array, index);
-  return v.isString() ? v.asString() : std::string();
+  if (v.isArray() || v.isObject()) throw DeviceJsonError("an element of a text array is a container");
+  // Numbers and truth values read as their text, null as the empty text.
+  return v.asString();
 }
 
 Eigen::Vector3d readTriple(const Json::Value& array) {

@@ -160,9 +160,12 @@ JsonOut writeTrackedCamera(const TrackedCamera& camera, int32_t generation) {
 
 void readCameraSet(const Json::Value& root, std::vector<std::string>& ispDrivers, std::vector<TrackedCamera>& cameras,
                    int32_t& jsonFormat) {
+  // A text or a number has no elements and adds no driver; an object's
+  // members can't be taken by position.
   const Json::Value& isps = jsonMember(root, "isps");
-  if (!isps.isNull() && !isps.isArray()) throw DeviceJsonError("isps is not an array");
-  for (Json::ArrayIndex i = 0; i < isps.size(); ++i) ispDrivers.push_back(readString(isps[i], "driver"));
+  if (isps.isObject() && !isps.empty()) throw DeviceJsonError("isps is an object, not an array");
+  if (isps.isArray())
+    for (Json::ArrayIndex i = 0; i < isps.size(); ++i) ispDrivers.push_back(readString(isps[i], "driver"));
 
   // tracked_camera1 takes the lens of tracked_camera when both are given.
   Json::Value first = jsonMember(root, "tracked_camera1");

@@ -130,46 +130,37 @@ void appendHex16(std::string& out, unsigned v) {
   out += digits[v & 15];
 }
 
-// Decodes one UTF-8 sequence starting at s[i], advancing i past it. Broken or
-// truncated sequences yield U+FFFD, as JsonCpp does.
+// Decodes one UTF-8 sequence starting at s[i], advancing i past it, as
+// JsonCpp's writer does: the lead byte alone sets the length, a sequence cut
+// short by the end of the text yields U+FFFD and moves on by one byte, and
+// overlong forms and surrogates yield U+FFFD.
 unsigned decodeUtf8(const std::string& s, size_t& i) {
-  const unsigned char c = static_cast<unsigned char>(s[i]);
+  const unsigned first = static_cast<unsigned char>(s[i]);
   const size_t left = s.size() - i;
-  auto cont = [&](size_t k) { return static_cast<unsigned char>(s[i + k]) & 0x3Fu; };
-  if (c < 0x80) {
+  auto next = [&](size_t k) { return static_cast<unsigned>(static_cast<unsigned char>(s[i + k])) & 0x3Fu; };
+  unsigned length, cp, smallest;
+  if (first < 0x80) {
+    length = 1, cp = first, smallest = 0;
+  } else if (first < 0xE0) {
+    length = 2, smallest = 0x80;
+    if (left >= 2) cp = ((first & 0x1Fu) << 6) | next(1);
+  } else if (first < 0xF0) {
+    length = 3, smallest = 0x800;
+    if (left >= 3) cp = ((first & 0x0Fu) << 12) | (next(1) << 6) | next(2);
+  } else if (first < 0xF8) {
+    length = 4, smallest = 0x10000;
+    if (left >= 4) cp = ((first & 0x07u) << 18) | (next(1) << 12) | (next(2) << 6) | next(3);
+  } else {
     i += 1;
-    return c;
+    return 0xFFFD;
   }
-  if ((c & 0xE0) == 0xC0) {
-    if (left < 2) {
-      i = s.size();
-      return 0xFFFD;
-    }
-    unsigned cp = ((c & 0x1Fu) << 6) | cont(1);
-    i += 2;
-    return cp < 0x80 ? 0xFFFD : cp;
+  if (left < length) {
+    i += 1;
+    return 0xFFFD;
   }
-  if ((c & 0xF0) == 0xE0) {
-    if (left < 3) {
-      i = s.size();
-      return 0xFFFD;
-    }
-    unsigned cp = ((c & 0x0Fu) << 12) | (cont(1) << 6) | cont(2);
-    i += 3;
-    if (cp >= 0xD800 && cp <= 0xDFFF) return 0xFFFD;
-    return cp < 0x800 ? 0xFFFD : cp;
-  }
-  if ((c & 0xF8) == 0xF0) {
-    if (left < 4) {
-      i = s.size();
-      return 0xFFFD;
-    }
-    unsigned cp = ((c & 0x07u) << 18) | (cont(1) << 12) | (cont(2) << 6) | cont(3);
-    i += 4;
-    return cp < 0x10000 ? 0xFFFD : cp;
-  }
-  i += 1;
-  return 0xFFFD;
+  i += length;
+  if (cp < smallest || (cp >= 0xD800 && cp <= 0xDFFF)) return 0xFFFD;
+  return cp;
 }
 
 std::string quoted(const std::string& s) {
@@ -364,15 +355,16 @@ std::string writeStyledJson(const JsonOut& value, unsigned rightMargin) {
   return StyledLayout(rightMargin).write(value);
 }
 
-bool parseJsonText(const std::string& text, Json::Value& root, std::string& errors) {
+bool parseJsonText(const std::string& text, Json::Value& root, std::string& errors, bool* threw) {
   errors.clear();
+  if (threw != nullptr) *threw = false;
   try {
     Json::Reader reader;
     if (reader.parse(text, root, true)) return true;
     errors = reader.getFormattedErrorMessages();
   } catch (const std::exception& e) {
-    // JsonCpp throws on nesting deeper than its stack limit.
     errors = e.what();
+    if (threw != nullptr) *threw = true;
   }
   root = Json::Value();
   return false;

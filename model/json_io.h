@@ -79,7 +79,8 @@ std::string writeStyledJson(const JsonOut& value, unsigned rightMargin = 160);
 std::string formatJsonNumber(double value, int significantDigits);
 
 // Parses with comments allowed. Never throws: on failure `errors` holds the
-// reader's formatted messages (or the text of whatever it threw).
-bool parseJsonText(const std::string& text, Json::Value& root, std::string& errors);
+// reader's formatted messages, or the text of what it threw (it throws on
+// nesting deeper than its limit), in which case `threw` is set when given.
+bool parseJsonText(const std::string& text, Json::Value& root, std::string& errors, bool* threw = nullptr);
 
 }  // namespace sensorlay

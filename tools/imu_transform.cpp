@@ -141,9 +141,10 @@ namespace {
   std::exit(1);
 }
 
-// One of the three vectors of the input: a missing key, a null and short
-// arrays read as zeros; anything that is not an array of finite numbers is
-// refused with a word on what is wrong.
+// One of the three vectors of the input: a missing key, a null, null
+// elements and short arrays read as zeros, truth values as 1 and 0; anything
+// else that is not an array of finite numbers is refused with a word on what
+// is wrong.
 Eigen::Vector3d readInputVector(const std::string& path, const Json::Value& root, const char* key) {
   Eigen::Vector3d v = Eigen::Vector3d::Zero();
   if (!root.isMember(key)) return v;
@@ -152,7 +153,8 @@ Eigen::Vector3d readInputVector(const std::string& path, const Json::Value& root
   if (!value.isArray()) failWith("couldn't parse %s: %s\n", path, std::string(key) + " is not an array of three numbers");
   for (Json::ArrayIndex i = 0; i < 3 && i < value.size(); ++i) {
     const Json::Value& element = value[i];
-    if (!element.isNumeric())
+    if (element.isNull()) continue;
+    if (!element.isNumeric() && !element.isBool())
       failWith("couldn't parse %s: %s\n", path, std::string(key) + " is not an array of three numbers");
     const double x = element.asDouble();
     if (!std::isfinite(x)) failWith("couldn't parse %s: %s\n", path, std::string(key) + " holds a number out of range");

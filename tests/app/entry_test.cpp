@@ -69,7 +69,7 @@ TEST(Entry, VersionUsageAndValidationMessages) {
       {{"/bogus", "/trackref_from_imu"}, "Unrecognized command line switch [ /bogus ].\n" + kUsage},
       // A /formatconvert number without a file behind it.
       {{"/formatconvert", "1"}, "/formatconvert 1 needs a device file: /formatconvert <jsonformatnumber> <object.json>\n"},
-      {{"/formatconvert", "7", ""},
+      {{"/formatconvert", "7"},
        "Unrecognized json format [ 7 ]. Allowed values {0,1,2}\n"
        "/formatconvert 7 needs a device file: /formatconvert <jsonformatnumber> <object.json>\n"},
   };
@@ -81,6 +81,13 @@ TEST(Entry, VersionUsageAndValidationMessages) {
     const bool usageShown = c.err.size() >= kUsage.size() && c.err.substr(c.err.size() - kUsage.size()) == kUsage;
     EXPECT_EQ(r.out, usageShown || c.status == 0 ? kVersionLine : "") << what;
   }
+
+  // An empty file name is handed on like any other; a missing file ends in 0.
+  const auto empty = runSensorlay({"/formatconvert", "7", ""});
+  EXPECT_EQ(empty.status, 0);
+  EXPECT_EQ(empty.err,
+            "Unrecognized json format [ 7 ]. Allowed values {0,1,2}\n"
+            "couldn't read : file is empty or does not exist\n");
 
   // Past every check, the missing surface is the first thing to fail.
   auto r = runSensorlay({"/generate", "/sensors", "s.stl", "/outmodel", "o.json", "/nsensors", "32",

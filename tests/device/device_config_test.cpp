@@ -194,9 +194,19 @@ TEST(DeviceConfig, WrongTypes) {
         "\"tracked_cameras\": [ 1 ]", "\"ipd\": true", "\"beaconet_config\": \"model\"",
         "\"beaconet_config\": { \"channelMap\": [\"a\"], \"modelPoints\": [], \"modelNormals\": [] }",
         "\"tracking_to_eye_transform\": [ { \"distortion\": { \"coeffs\": \"1 2\" } } ]",
-        "\"tracking_to_eye_transform\": { \"intrinsics\": [] }"}) {
+        "\"tracking_to_eye_transform\": { \"intrinsics\": [] }", "\"gyro_bias\": [ \"a\", 1, 2 ]",
+        "\"trackref_from_imu\": [ 0, 0, 0, [1], 0, 0, 0 ]"}) {
     EXPECT_EQ(parseError(minimalHmdJson(extra)), kCatchAll) << extra;
   }
+  // Null and truth-value elements read as numbers; a text in place of the
+  // driver list has no elements.
+  const DeviceConfig loose = parseOk(minimalHmdJson("\"gyro_bias\": [ null, true, 2 ], \"isps\": \"abc\""));
+  EXPECT_EQ(loose.imuCalibration.gyroBias, Eigen::Vector3f(0, 1, 2));
+  EXPECT_TRUE(loose.ispDrivers.empty());
+  // Nesting beyond the reader's limit makes it throw, which ends as any other
+  // exception does.
+  EXPECT_EQ(parseError(minimalHmdJson("\"mfg_build_info\": " + std::string(2000, '[') + std::string(2000, ']'))),
+            kCatchAll);
   EXPECT_EQ(parseError(R"({ "device_class": "hmd", "device": { "eye_target_width_in_pixels": 1,
       "eye_target_height_in_pixels": 1, "num_windows": 1, "first_eye": 1 } })"),
             kCatchAll);

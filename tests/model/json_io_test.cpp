@@ -19,7 +19,10 @@ void randomDocument(std::mt19937& g, int depth, Json::Value& theirs, JsonOut& ou
     case 2: { double v = (static_cast<double>(g()) + 0.5) / 3.0e5; theirs = v; ours = JsonOut(v); break; }
     case 3: {
       static const char* texts[] = {"", "abc", "with \"quote\"", "tab\there", "back\\slash", "a/b", "ctl\x01"};
-      const char* t = texts[g() % 7];
+      std::string t = texts[g() % 7];
+      // Now and then raw bytes, broken UTF-8 included.
+      if (g() % 3 == 0)
+        for (int n = static_cast<int>(g() % 6); n > 0; --n) t += static_cast<char>(1 + g() % 255);
       theirs = t; ours = JsonOut(t); break;
     }
     case 4: { bool b = g() % 2; theirs = b; ours = JsonOut(b); break; }
