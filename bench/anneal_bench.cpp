@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "bench/bench_scenes.h"
 #include "search/annealer.h"
 #include "surface/tracked_surface.h"
 
@@ -14,15 +15,9 @@ namespace {
 
 using namespace sensorlay;
 
-// The samples folder beside this file's folder (CMake compiles by full path).
-std::string samplesFolder() {
-  const std::string source = __FILE__;
-  return source.substr(0, source.rfind("/bench/")) + "/samples/";
-}
-const std::string samples = samplesFolder();
 
 struct HeadsetSearch {
-  TrackedSurface surface{samples + "headset.stl", {samples + "headset_head.stl"}};
+  TrackedSurface surface{bench::samplePath("headset.stl"), {bench::samplePath("headset_head.stl")}};
   std::unique_ptr<SensorModel> model;
   std::unique_ptr<Annealer> annealer;
 
@@ -65,7 +60,7 @@ void BM_MoveSensor(benchmark::State& state) {
 BENCHMARK(BM_MoveSensor)->Arg(100000)->Arg(35)->Unit(benchmark::kMicrosecond);
 
 void BM_PlaceInitialSensors(benchmark::State& state) {
-  TrackedSurface surface(samples + "headset.stl", {samples + "headset_head.stl"});
+  TrackedSurface surface(bench::samplePath("headset.stl"), {bench::samplePath("headset_head.stl")});
   surface.seedGenerator(1);
   AnnealerOptions options(surface, 20);
   for (auto _ : state) {

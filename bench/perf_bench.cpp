@@ -23,6 +23,7 @@
 
 #include "app/modes.h"
 #include "quality/fast_score.h"
+#include "bench/bench_scenes.h"
 #include "search/annealer.h"
 #include "surface/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
@@ -32,11 +33,6 @@ namespace {
 
 using namespace sensorlay;
 using Clock = std::chrono::steady_clock;
-
-std::string samplesFolder() {
-  const std::string source = __FILE__;
-  return source.substr(0, source.rfind("/bench/")) + "/samples/";
-}
 
 double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
@@ -214,8 +210,7 @@ void analysis(TrackedSurface& surface, std::vector<Row>& rows) {
 
 int main(int argc, char** argv) {
   const int trials = argc > 1 ? std::max(1, std::atoi(argv[1])) : 1000;
-  const std::string samples = samplesFolder();
-  TrackedSurface surface(samples + "headset.stl", {samples + "headset_head.stl"});
+    TrackedSurface surface(bench::samplePath("headset.stl"), {bench::samplePath("headset_head.stl")});
   std::printf("headset with head: %u triangles, %d sensors, %d orientations, %.4f degrees incidence, %d threads\n",
               surface.faceCount(), kSensors, kOrientations, designIncidenceDegrees(), defaultWorkerPool().size());
 

@@ -4,7 +4,7 @@
 // with the standard output stream sent to /dev/null. Each case runs on one
 // thread, the reference, and on every hardware thread (second argument 0).
 //
-// Models: 20 sensors on a 12 cm sphere of about 20,000 triangles, and 20
+// Models: 20 sensors on a 16 cm sphere of about 20,000 triangles, and 20
 // sensors drawn (with a fixed seed) on the bundled headset shell with the
 // head as obstacle.
 
@@ -16,86 +16,20 @@
 #include <cmath>
 #include <cstdio>
 #include <iostream>
-#include <memory>
-#include <string>
 
 #include "app/modes.h"
+#include "bench/bench_scenes.h"
 #include "surface/coverage_evaluator.h"
-#include "surface/tracked_surface.h"
 #include "surface/worker_pool.h"
-#include "tests/support/meshes.h"
 
 namespace {
 
 using namespace sensorlay;
-
-constexpr float kRadius = 0.06f;
-
-struct Scene {
-  std::unique_ptr<TrackedSurface> surface;
-  std::unique_ptr<SensorModel> model;
-};
-
-// A 12 cm sphere in metres, 2 x 100 x 100 triangles less the pole fans, with
-// 20 sensors spread evenly (a Fibonacci spiral), facing out.
-Scene& sphere() {
-  static Scene scene = [] {
-    Scene s;
-    const std::string path = "/tmp/sensorlay_report_bench_" + std::to_string(getpid()) + ".stl";
-    testing::writeStlBinary(path, testing::sphereMesh(kRadius, 100, 100));
-    s.surface = std::make_unique<TrackedSurface>(path, std::vector<std::string>{});
-    std::remove(path.c_str());
-    Constellation c;
-    c.valid = true;
-    const int n = 20;
-    for (int i = 0; i < n; ++i) {
-      const float z = 1.0f - (2.0f * i + 1.0f) / n;
-      const float r = std::sqrt(1.0f - z * z);
-      const float phi = 2.399963f * i;
-      const Eigen::Vector3f normal(r * std::cos(phi), r * std::sin(phi), z);
-      c.channelMap.push_back(i);
-      c.modelPoints.push_back(normal * kRadius);
-      c.modelNormals.push_back(normal);
-    }
-    s.model = std::make_unique<SensorModel>(c, ModelTransform());
-    return s;
-  }();
-  return scene;
-}
-
-// The samples lie beside this source file's folder.
-std::string samplePath(const std::string& name) {
-  std::string here = __FILE__;
-  here = here.substr(0, here.find_last_of('/'));
-  return here.substr(0, here.find_last_of('/')) + "/samples/" + name;
-}
-
-// The headset shell with the head as obstacle, and 20 sensors drawn on the
-// shell where they fit.
-Scene& headset() {
-  static Scene scene = [] {
-    Scene s;
-    s.surface = std::make_unique<TrackedSurface>(samplePath("headset.stl"),
-                                                 std::vector<std::string>{samplePath("headset_head.stl")});
-    s.surface->seedGenerator(20);
-    Constellation c;
-    c.valid = true;
-    for (int i = 0; i < 20; ++i) {
-      Eigen::Vector3f point, normal;
-      if (!s.surface->randomPlacement(point, normal)) break;
-      c.channelMap.push_back(i);
-      c.modelPoints.push_back(point);
-      c.modelNormals.push_back(normal);
-    }
-    s.model = std::make_unique<SensorModel>(c, ModelTransform());
-    return s;
-  }();
-  return scene;
-}
+using namespace sensorlay::bench;
 
 // Runs with fd 1 on /dev/null, so that the table costs its formatting and its
 // writes but no terminal; the "did not see" lines go nowhere either.
-int runSilently(const DesignOptions& options, Scene& scene, bool withSurface) {
+int runSilently(const DesignOptions& options, BenchScene& scene, bool withSurface) {
   std::fflush(stdout);
   const int saved = dup(1);
   const int devNull = open("/dev/null", O_WRONLY);
@@ -112,7 +46,7 @@ int runSilently(const DesignOptions& options, Scene& scene, bool withSurface) {
 }
 
 // Arguments: the grid step in tenths of a degree, and the thread count.
-void analysis(benchmark::State& state, Scene& scene, bool withSurface, bool sensitivity) {
+void analysis(benchmark::State& state, BenchScene& scene, bool withSurface, bool sensitivity) {
   DesignOptions options;
   options.angleResolutionDegrees = static_cast<double>(state.range(0)) / 10.0;
   options.baseStationSensitivity = sensitivity;
@@ -132,16 +66,16 @@ void oneAndAllThreads(benchmark::internal::Benchmark* b) {
   b->Args({5, 1})->Args({5, 0})->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 }
 
-void BM_CoverageTableOnSphere(benchmark::State& state) { analysis(state, sphere(), true, false); }
+void BM_CoverageTableOnSphere(benchmark::State& state) { analysis(state, sphereScene(), true, false); }
 BENCHMARK(BM_CoverageTableOnSphere)->Apply(oneAndAllThreads);
 
-void BM_CoverageTableOnHeadset(benchmark::State& state) { analysis(state, headset(), true, false); }
+void BM_CoverageTableOnHeadset(benchmark::State& state) { analysis(state, headsetScene(), true, false); }
 BENCHMARK(BM_CoverageTableOnHeadset)->Apply(oneAndAllThreads);
 
-void BM_CoverageTableWithoutSurface(benchmark::State& state) { analysis(state, sphere(), false, false); }
+void BM_CoverageTableWithoutSurface(benchmark::State& state) { analysis(state, sphereScene(), false, false); }
 BENCHMARK(BM_CoverageTableWithoutSurface)->Apply(oneAndAllThreads);
 
-void BM_SensitivityTableOnSphere(benchmark::State& state) { analysis(state, sphere(), true, true); }
+void BM_SensitivityTableOnSphere(benchmark::State& state) { analysis(state, sphereScene(), true, true); }
 BENCHMARK(BM_SensitivityTableOnSphere)->Apply(oneAndAllThreads);
 
 }  // namespace

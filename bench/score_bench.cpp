@@ -2,45 +2,19 @@
 // 20 sensors, 1250 orientation samples, a sphere of about 20,000 triangles.
 
 #include <benchmark/benchmark.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <filesystem>
 #include <iostream>
 #include <memory>
-#include <sstream>
-#include <string>
 
+#include "bench/bench_scenes.h"
 #include "surface/coverage_evaluator.h"
-#include "surface/tracked_surface.h"
-#include "tests/support/meshes.h"
-#include "tests/support/quality_fixtures.h"
 
 namespace {
 
 using namespace sensorlay;
+using namespace sensorlay::bench;
 
-struct Scene {
-  std::unique_ptr<TrackedSurface> surface;
-  std::unique_ptr<SensorModel> model;
-};
-
-// Built once: a sphere of radius 8 cm, 100 stacks by 100 slices, with 20
-// sensors spread over it.
-Scene& scene() {
-  static Scene s = [] {
-    Scene built;
-    std::ostringstream name;
-    name << "sensorlay_score_bench_" << getpid() << ".stl";
-    const std::string path = (std::filesystem::temp_directory_path() / name.str()).string();
-    testing::writeStlBinary(path, testing::sphereMesh(0.08f, 100, 100));
-    built.surface = std::make_unique<TrackedSurface>(path, std::vector<std::string>{});
-    std::remove(path.c_str());
-    built.model = testing::makeSphereSensors(20, 0.08f);
-    return built;
-  }();
-  return s;
-}
+BenchScene& scene() { return sphereScene(); }
 
 void prepare(CoverageEvaluator& evaluator, const TrackedSurface* surface) {
   testing::attach(evaluator, scene().model.get(), surface);
