@@ -19,6 +19,10 @@ inline double drawUnitDouble(std::mt19937& g) {
   return (g0 + g1 * 4294967296.0) / 18446744073709551616.0;
 }
 
+inline float drawFloat(std::mt19937& g, float low, float high) {
+  return drawUnitFloat(g) * (high - low) + low;
+}
+
 inline double drawDouble(std::mt19937& g, double low, double high) {
   return drawUnitDouble(g) * (high - low) + low;
 }
