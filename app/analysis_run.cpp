@@ -1,6 +1,6 @@
 #include <cmath>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <iostream>
 
@@ -43,12 +43,11 @@ int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface
   const uint64_t rows = estimateReportRows(kFullTurn, step);
   if (rows > kReportRowLimit) {
     if (!(step > 0.0) || !std::isfinite(step))
-      std::cerr << "/angleresolutiondegrees must be a number of degrees above 0, not "
-                << options.angleResolutionDegrees << "." << std::endl;
+      std::cerr << "/angleresolutiondegrees must be a number of degrees above 0, not " << options.angleResolutionDegrees
+                << "." << std::endl;
     else
       std::cerr << "/angleresolutiondegrees " << options.angleResolutionDegrees << " would make a table of about "
-                << rows << " rows; the most is " << kReportRowLimit << " (a step of 0.1 degrees or more)."
-                << std::endl;
+                << rows << " rows; the most is " << kReportRowLimit << " (a step of 0.1 degrees or more)." << std::endl;
     return 1;
   }
 

@@ -14,8 +14,8 @@ void scanOptions(int argc, char** argv, DesignOptions& options, bool& parseFaile
 
 enum class ValidationOutcome {
   Passed,
-  Failed,      // a check's message has been printed
-  ShowUsage,   // nothing to run, or the scan failed: the usage text follows
+  Failed,     // a check's message has been printed
+  ShowUsage,  // nothing to run, or the scan failed: the usage text follows
 };
 
 // The fixed chain of checks, in order; the first that fires decides.

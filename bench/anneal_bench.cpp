@@ -15,7 +15,6 @@ namespace {
 
 using namespace sensorlay;
 
-
 struct HeadsetSearch {
   TrackedSurface surface{bench::samplePath("headset.stl"), {bench::samplePath("headset_head.stl")}};
   std::unique_ptr<SensorModel> model;

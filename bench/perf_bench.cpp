@@ -22,8 +22,8 @@
 #include <vector>
 
 #include "app/modes.h"
-#include "quality/fast_score.h"
 #include "bench/bench_scenes.h"
+#include "quality/fast_score.h"
 #include "search/annealer.h"
 #include "surface/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
@@ -210,7 +210,7 @@ void analysis(TrackedSurface& surface, std::vector<Row>& rows) {
 
 int main(int argc, char** argv) {
   const int trials = argc > 1 ? std::max(1, std::atoi(argv[1])) : 1000;
-    TrackedSurface surface(bench::samplePath("headset.stl"), {bench::samplePath("headset_head.stl")});
+  TrackedSurface surface(bench::samplePath("headset.stl"), {bench::samplePath("headset_head.stl")});
   std::printf("headset with head: %u triangles, %d sensors, %d orientations, %.4f degrees incidence, %d threads\n",
               surface.faceCount(), kSensors, kOrientations, designIncidenceDegrees(), defaultWorkerPool().size());
 

@@ -105,7 +105,8 @@ void writeIpd(JsonOut& root, const DeviceConfig& config) {
 void writeDisplayKeys(JsonOut& root, const DeviceConfig& config) {
   root["device"] = writeDisplaySection(config.display);
   JsonOut edid = JsonOut::array();
-  for (int e = firstEyeIndex(config.display); e <= lastEyeIndex(config.display); ++e) edid.append(config.displayEdid[e]);
+  for (int e = firstEyeIndex(config.display); e <= lastEyeIndex(config.display); ++e)
+    edid.append(config.displayEdid[e]);
   root["display_edid"] = edid;
 
   if (config.displayMcType != 0) {
@@ -143,7 +144,8 @@ void writeDisplayKeys(JsonOut& root, const DeviceConfig& config) {
       root["direct_mode_edid_pid"] = edidProductText(config.directModeEdidPid);
   }
 
-  if (config.secondsFromVsyncToPhotons != 0.0f) root["seconds_from_vsync_to_photons"] = config.secondsFromVsyncToPhotons;
+  if (config.secondsFromVsyncToPhotons != 0.0f)
+    root["seconds_from_vsync_to_photons"] = config.secondsFromVsyncToPhotons;
   if (config.secondsFromPhotonsToVblank != 0.0f)
     root["seconds_from_photons_to_vblank"] = config.secondsFromPhotonsToVblank;
   if (config.expectedControllers != 0) root["expected_controllers"] = config.expectedControllers;

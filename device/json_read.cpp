@@ -11,7 +11,8 @@ namespace sensorlay {
 
 const Json::Value& jsonMember(const Json::Value& object, const char* key) {
   if (object.isNull()) return object;
-  if (!object.isObject()) throw DeviceJsonError(std::string("key \"") + key + "\" looked up in a value that is not an object");
+  if (!object.isObject())
+    throw DeviceJsonError(std::string("key \"") + key + "\" looked up in a value that is not an object");
   const Json::Value* found = object.find(key, key + std::char_traits<char>::length(key));
   static const Json::Value null;
   return found != nullptr ? *found : null;
@@ -19,7 +20,8 @@ const Json::Value& jsonMember(const Json::Value& object, const char* key) {
 
 bool jsonHas(const Json::Value& object, const char* key) {
   if (object.isNull()) return false;
-  if (!object.isObject()) throw DeviceJsonError(std::string("key \"") + key + "\" looked up in a value that is not an object");
+  if (!object.isObject())
+    throw DeviceJsonError(std::string("key \"") + key + "\" looked up in a value that is not an object");
   return object.find(key, key + std::char_traits<char>::length(key)) != nullptr;
 }
 

@@ -24,9 +24,7 @@ JsonOut doubleTriple(const Eigen::Vector3d& v) {
   return out;
 }
 
-bool isNeutralScale(const Eigen::Vector3f& s) {
-  return s == Eigen::Vector3f::Ones() || s == Eigen::Vector3f::Zero();
-}
+bool isNeutralScale(const Eigen::Vector3f& s) { return s == Eigen::Vector3f::Ones() || s == Eigen::Vector3f::Zero(); }
 
 // Drivers of a device that names none; only the driver name is kept.
 const char kDefaultDriverText[] = "{\"driver\":\"vidcamlib\", \"streams\": { \"mono\": \"NV12\" } }";
@@ -132,15 +130,14 @@ TrackedCamera readTrackedCamera(const Json::Value& value) {
   TrackedCamera camera;
   camera.name = readString(value, "name");
   camera.intrinsics = readCameraIntrinsics(jsonMember(value, "intrinsics"));
-  const char* poseKey = jsonHas(value, "extrinsics") ? "extrinsics"
+  const char* poseKey = jsonHas(value, "extrinsics")         ? "extrinsics"
                         : jsonHas(value, "head_from_camera") ? "head_from_camera"
                                                              : nullptr;
   if (poseKey != nullptr) {
     const Json::Value& pose = jsonMember(value, poseKey);
     if (pose.isArray()) {
       camera.extrinsics = readFlatTransform(pose);
-    } else if (pose.isObject() &&
-               (jsonHas(pose, "position") || jsonHas(pose, "plus_x") || jsonHas(pose, "plus_z"))) {
+    } else if (pose.isObject() && (jsonHas(pose, "position") || jsonHas(pose, "plus_x") || jsonHas(pose, "plus_z"))) {
       camera.extrinsics = readAxesTransform(pose);
     }
   }
@@ -200,8 +197,8 @@ void readCameraSet(const Json::Value& root, std::vector<std::string>& ispDrivers
       if (!cameras.empty()) {
         RigidTransform composed = cameras.front().extrinsics;
         const QuaternionXyzw q = composed.rotation.cast<double>();
-        const Eigen::Vector3d moved = composed.translation.cast<double>() +
-                                      rotateByQuaternion(q, translation.cast<double>());
+        const Eigen::Vector3d moved =
+            composed.translation.cast<double>() + rotateByQuaternion(q, translation.cast<double>());
         const QuaternionXyzw turned = multiplyQuaternions(q, rotation.cast<double>());
         for (int i = 0; i < 3; ++i) composed.translation[i] = narrowToFloat(moved[i]);
         for (int i = 0; i < 4; ++i) composed.rotation[i] = narrowToFloat(turned[i]);
@@ -230,8 +227,8 @@ void readCameraSet(const Json::Value& root, std::vector<std::string>& ispDrivers
   }
 }
 
-void writeCameraSet(JsonOut& root, const std::vector<std::string>& ispDrivers, const std::vector<TrackedCamera>& cameras,
-                    int32_t jsonFormat) {
+void writeCameraSet(JsonOut& root, const std::vector<std::string>& ispDrivers,
+                    const std::vector<TrackedCamera>& cameras, int32_t jsonFormat) {
   if (cameras.empty()) return;
   if (cameras.size() == 1) {
     root["tracked_camera"] = writeTrackedCamera(cameras.front(), 1);

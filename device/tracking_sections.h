@@ -87,7 +87,7 @@ JsonOut writeAxesTransform(const RigidTransform& transform, AxesFrom method);
 // newest layout raise `jsonFormat` to 2.
 void readCameraSet(const Json::Value& root, std::vector<std::string>& ispDrivers, std::vector<TrackedCamera>& cameras,
                    int32_t& jsonFormat);
-void writeCameraSet(JsonOut& root, const std::vector<std::string>& ispDrivers, const std::vector<TrackedCamera>& cameras,
-                    int32_t jsonFormat);
+void writeCameraSet(JsonOut& root, const std::vector<std::string>& ispDrivers,
+                    const std::vector<TrackedCamera>& cameras, int32_t jsonFormat);
 
 }  // namespace sensorlay

@@ -26,8 +26,7 @@ SensorModel::SensorModel(const Constellation& c, const ModelTransform& t) {
   double maxPair2 = 0.0, maxRadius2 = 0.0;
   for (size_t i = 0; i < points.size(); ++i) {
     maxRadius2 = std::max(maxRadius2, points[i].squaredNorm());
-    for (size_t j = 0; j < points.size(); ++j)
-      maxPair2 = std::max(maxPair2, (points[i] - points[j]).squaredNorm());
+    for (size_t j = 0; j < points.size(); ++j) maxPair2 = std::max(maxPair2, (points[i] - points[j]).squaredNorm());
   }
   maxPairDistance = std::sqrt(maxPair2);
   maxRadius = std::sqrt(maxRadius2);
@@ -37,17 +36,14 @@ bool parseModelSection(Constellation& c, const Json::Value& root) {
   c = Constellation();
   const Json::Value& section = root.isMember("beaconet_config") ? root["beaconet_config"] : root;
   c.modelCad = section.get("modelCad", "").asString();
-  if (!section.isMember("channelMap") || !section.isMember("modelPoints") ||
-      !section.isMember("modelNormals"))
+  if (!section.isMember("channelMap") || !section.isMember("modelPoints") || !section.isMember("modelNormals"))
     return false;
 
   const Json::Value& channels = section["channelMap"];
-  for (Json::ArrayIndex i = 0; i < channels.size(); ++i)
-    c.channelMap.push_back(channels.get(i, 0).asInt());
+  for (Json::ArrayIndex i = 0; i < channels.size(); ++i) c.channelMap.push_back(channels.get(i, 0).asInt());
 
   auto readTriple = [](const Json::Value& v) {
-    return Eigen::Vector3f(static_cast<float>(v.get(0u, 0.0).asDouble()),
-                           static_cast<float>(v.get(1u, 0.0).asDouble()),
+    return Eigen::Vector3f(static_cast<float>(v.get(0u, 0.0).asDouble()), static_cast<float>(v.get(1u, 0.0).asDouble()),
                            static_cast<float>(v.get(2u, 0.0).asDouble()));
   };
   const Json::Value& points = section["modelPoints"];

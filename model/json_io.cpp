@@ -169,14 +169,36 @@ std::string quoted(const std::string& s) {
   while (i < s.size()) {
     const unsigned char c = static_cast<unsigned char>(s[i]);
     switch (c) {
-      case '"': out += "\\\""; ++i; continue;
-      case '\\': out += "\\\\"; ++i; continue;
-      case '\b': out += "\\b"; ++i; continue;
-      case '\f': out += "\\f"; ++i; continue;
-      case '\n': out += "\\n"; ++i; continue;
-      case '\r': out += "\\r"; ++i; continue;
-      case '\t': out += "\\t"; ++i; continue;
-      default: break;
+      case '"':
+        out += "\\\"";
+        ++i;
+        continue;
+      case '\\':
+        out += "\\\\";
+        ++i;
+        continue;
+      case '\b':
+        out += "\\b";
+        ++i;
+        continue;
+      case '\f':
+        out += "\\f";
+        ++i;
+        continue;
+      case '\n':
+        out += "\\n";
+        ++i;
+        continue;
+      case '\r':
+        out += "\\r";
+        ++i;
+        continue;
+      case '\t':
+        out += "\\t";
+        ++i;
+        continue;
+      default:
+        break;
     }
     if (c < 0x20) {
       appendHex16(out, c);
@@ -306,8 +328,7 @@ class StyledLayout {
     childValues_.clear();
     for (size_t i = 0; i < size && !multiLine; ++i) {
       const JsonOut& child = value.at(i);
-      multiLine = (child.type() == JsonOut::Type::Array || child.type() == JsonOut::Type::Object) &&
-                  !child.empty();
+      multiLine = (child.type() == JsonOut::Type::Array || child.type() == JsonOut::Type::Object) && !child.empty();
     }
     if (!multiLine) {
       childValues_.reserve(size);

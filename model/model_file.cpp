@@ -154,8 +154,7 @@ bool readModelFile(const std::string& path, Constellation& constellation) {
   }
 
   // A plain search over the raw text, comments and strings included.
-  if (text.find("\"beaconet_config\"") != std::string::npos)
-    return readDeviceFormModel(shownPath, text, constellation);
+  if (text.find("\"beaconet_config\"") != std::string::npos) return readDeviceFormModel(shownPath, text, constellation);
 
   Json::Value parsed;
   std::string errors;

@@ -62,7 +62,8 @@ const char* const cadTemplate =
     "    if ( drawlabels )\n"
     "    {\n"
     "        translate(s[1]) rotate(s[2], s[3]) translate([0.003,0,0.002]) color( \"black\", 1.0 ) scale( 0.002 )\n"
-    "            linear_extrude( height = 0.1 ) text( str( s[0][0] ), size = 1, valign = \"center\", halign = \"left\" );\n"
+    "            linear_extrude( height = 0.1 ) text( str( s[0][0] ), size = 1, valign = \"center\", halign = \"left\" "
+    ");\n"
     "    }\n"
     "    \n"
     "    if ( drawcones )\n"
@@ -144,13 +145,13 @@ std::string writeScad(const Constellation& constellation, const std::string& sen
 
   // A record whose sequences disagree in length (possible in a hand-written
   // file) yields rows for the sensors that all three describe.
-  const size_t count = std::min({constellation.modelPoints.size(), constellation.channelMap.size(),
-                                 constellation.modelNormals.size()});
+  const size_t count =
+      std::min({constellation.modelPoints.size(), constellation.channelMap.size(), constellation.modelNormals.size()});
   std::ostringstream rows = makeNumberStream();
   for (size_t i = 0; i < count; ++i) {
     const Eigen::Vector3f& p = constellation.modelPoints[i];
-    rows << "    [ [ " << constellation.channelMap[i] << ", \"lime\" ], [ " << p.x() << ", " << p.y() << ", "
-         << p.z() << "], " << sensorRotateExpression(constellation.modelNormals[i]) << " ],\n";
+    rows << "    [ [ " << constellation.channelMap[i] << ", \"lime\" ], [ " << p.x() << ", " << p.y() << ", " << p.z()
+         << "], " << sensorRotateExpression(constellation.modelNormals[i]) << " ],\n";
   }
   replaceAll(script, "%SENSORS%", rows.str());
   return script;

@@ -550,10 +550,9 @@ void CoverageEvaluator::printCoverageTable() {
   // and one channel below 32 for each sensor.
   const size_t rowBytes = 96 + static_cast<size_t>(std::max(0, std::snprintf(nullptr, 0, "%0.1lf", distance))) +
                           4 * observations->visibilityTests.size();
-  const TableOutcome outcome =
-      writeRowsInOrder(samples.size(), rowBytes, pool, workers, [&](size_t row, RowWorker& w, TextBuffer& out) {
-        return coverageRow(*this, samples[row], distance, w, out);
-      });
+  const TableOutcome outcome = writeRowsInOrder(
+      samples.size(), rowBytes, pool, workers,
+      [&](size_t row, RowWorker& w, TextBuffer& out) { return coverageRow(*this, samples[row], distance, w, out); });
   if (outcome.missingChannel >= 0) failMissingPosition(outcome.missingChannel);
   gatherRowWorkers(*this, workers, outcome.lastWorker);
   reportUnseenSensors(*this);
@@ -567,10 +566,9 @@ void CoverageEvaluator::printSensitivityTable() {
   // The device keeps facing the station while it moves across the field of
   // view: its position turns with it, and is put back after the table.
   const Eigen::Vector3d p(pose[0], pose[1], pose[2]);
-  const TableOutcome outcome =
-      writeRowsInOrder(samples.size(), 64, pool, workers, [&](size_t row, RowWorker& w, TextBuffer& out) {
-        return sensitivityRow(*this, samples[row], p, w, out);
-      });
+  const TableOutcome outcome = writeRowsInOrder(
+      samples.size(), 64, pool, workers,
+      [&](size_t row, RowWorker& w, TextBuffer& out) { return sensitivityRow(*this, samples[row], p, w, out); });
   gatherRowWorkers(*this, workers, outcome.lastWorker);
   for (int i = 0; i < 3; ++i) pose[i] = p[i];
   reportUnseenSensors(*this);

@@ -6,8 +6,6 @@
 
 namespace sensorlay {
 
-uint32_t clockSeed() {
-  return static_cast<uint32_t>(std::time(nullptr)) + static_cast<uint32_t>(getpid());
-}
+uint32_t clockSeed() { return static_cast<uint32_t>(std::time(nullptr)) + static_cast<uint32_t>(getpid()); }
 
 }  // namespace sensorlay

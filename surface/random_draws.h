@@ -8,9 +8,7 @@
 namespace sensorlay {
 
 // One output as a 32-bit float divided by 2^32; rounding can make it 1.0.
-inline float drawUnitFloat(std::mt19937& g) {
-  return static_cast<float>(g()) / 4294967296.0f;
-}
+inline float drawUnitFloat(std::mt19937& g) { return static_cast<float>(g()) / 4294967296.0f; }
 
 // Two outputs, the second worth 2^32 times the first, over 2^64.
 inline double drawUnitDouble(std::mt19937& g) {
@@ -19,13 +17,9 @@ inline double drawUnitDouble(std::mt19937& g) {
   return (g0 + g1 * 4294967296.0) / 18446744073709551616.0;
 }
 
-inline float drawFloat(std::mt19937& g, float low, float high) {
-  return drawUnitFloat(g) * (high - low) + low;
-}
+inline float drawFloat(std::mt19937& g, float low, float high) { return drawUnitFloat(g) * (high - low) + low; }
 
-inline double drawDouble(std::mt19937& g, double low, double high) {
-  return drawUnitDouble(g) * (high - low) + low;
-}
+inline double drawDouble(std::mt19937& g, double low, double high) { return drawUnitDouble(g) * (high - low) + low; }
 
 // A whole number in [low, high]. A range of one value takes no output; an
 // output from the incomplete last block of the 32-bit range is drawn again.

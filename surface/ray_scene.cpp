@@ -2,8 +2,8 @@
 
 #include <cmath>
 #include <cstdint>
-#include <limits>
 #include <iostream>
+#include <limits>
 
 namespace sensorlay {
 

@@ -142,8 +142,8 @@ class AsciiParser {
       return false;
     }
     if (!equalsNoCase(token, word)) {
-      problem = "malformed ASCII STL at line " + std::to_string(line_) + ": expected \"" + word + "\", found " +
-                shown(token);
+      problem =
+          "malformed ASCII STL at line " + std::to_string(line_) + ": expected \"" + word + "\", found " + shown(token);
       return false;
     }
     return true;

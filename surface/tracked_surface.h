@@ -35,8 +35,7 @@ class TrackedSurface {
   uint32_t faceCount() const { return static_cast<uint32_t>(faces.rows()); }
 
   // Ray queries; a triangle counts from either side.
-  bool castRay(const Eigen::Vector3f& origin, const Eigen::Vector3f& direction, float tNear,
-               float tFar) const;
+  bool castRay(const Eigen::Vector3f& origin, const Eigen::Vector3f& direction, float tNear, float tFar) const;
   bool sensorFits(const Eigen::Vector3f& point, const Eigen::Vector3f& normal) const;
   bool isOnSurface(const Eigen::Vector3f& point, const Eigen::Vector3f& normal) const;
 
@@ -59,7 +58,7 @@ class TrackedSurface {
   float cosMaxSurfaceAngle = 1.0f;
   std::unique_ptr<RayScene> scene;
   double totalArea = 0.0;
-  double areaLow = 0.0;   // bounds of the area draw
+  double areaLow = 0.0;  // bounds of the area draw
   double areaHigh = 1.0;
   std::mt19937 generator;
   std::vector<double> cumulativeAreas;

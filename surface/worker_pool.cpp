@@ -96,8 +96,7 @@ WorkerPool::~WorkerPool() {
 void WorkerPool::runErased(int taskCount, Call call, void* context) {
   if (taskCount <= 0) return;
   Shared& s = *shared_;
-  const bool serial =
-      workers_.empty() || taskCount == 1 || insideTask || forkedChild.load(std::memory_order_relaxed);
+  const bool serial = workers_.empty() || taskCount == 1 || insideTask || forkedChild.load(std::memory_order_relaxed);
   if (serial || !s.runMutex.try_lock()) {
     for (int i = 0; i < taskCount; ++i) call(context, i, 0);
     return;

@@ -1,7 +1,7 @@
 #include "tools/imu_transform.h"
 
-#include <Eigen/Geometry>
 #include <json/json.h>
+#include <Eigen/Geometry>
 
 #include <cerrno>
 #include <cmath>
@@ -150,7 +150,8 @@ Eigen::Vector3d readInputVector(const std::string& path, const Json::Value& root
   if (!root.isMember(key)) return v;
   const Json::Value& value = root[key];
   if (value.isNull()) return v;
-  if (!value.isArray()) failWith("couldn't parse %s: %s\n", path, std::string(key) + " is not an array of three numbers");
+  if (!value.isArray())
+    failWith("couldn't parse %s: %s\n", path, std::string(key) + " is not an array of three numbers");
   for (Json::ArrayIndex i = 0; i < 3 && i < value.size(); ++i) {
     const Json::Value& element = value[i];
     if (element.isNull()) continue;
@@ -182,7 +183,8 @@ void runImuTransform(const std::string& path) {
   Json::Value root;
   std::string errors;
   if (!parseJsonText(text, root, errors)) failWith("couldn't parse %s: %s\n", path, errors);
-  if (!root.isObject() && !root.isNull()) failWith("couldn't parse %s: %s\n", path, "the file does not hold a JSON object");
+  if (!root.isObject() && !root.isNull())
+    failWith("couldn't parse %s: %s\n", path, "the file does not hold a JSON object");
 
   const Eigen::Vector3d position = readInputVector(path, root, "imu_from_trackref");
   Eigen::Vector3d plusZ = readInputVector(path, root, "imu_plusz_in_trackref");
@@ -192,15 +194,18 @@ void runImuTransform(const std::string& path) {
   if (plusX.norm() != 0.0) plusX /= plusX.norm();
 
   if (isAllZeros(plusZ)) {
-    std::fputs("imu_plusz_in_trackref can't be 0,0,0.  Set it to a vector pointing in the IMU's +Z direction.\n", stderr);
+    std::fputs("imu_plusz_in_trackref can't be 0,0,0.  Set it to a vector pointing in the IMU's +Z direction.\n",
+               stderr);
     std::exit(1);
   }
   if (isAllZeros(plusX)) {
-    std::fputs("imu_plusx_in_trackref can't be 0,0,0.  Set it to a vector pointing in the IMU's +X direction.\n", stderr);
+    std::fputs("imu_plusx_in_trackref can't be 0,0,0.  Set it to a vector pointing in the IMU's +X direction.\n",
+               stderr);
     std::exit(1);
   }
   if (isAllZeros(position))
-    std::fputs("WARNING: imu_from_trackref is 0,0,0!  This is only correct if your IMU is at your CAD origin.\n", stderr);
+    std::fputs("WARNING: imu_from_trackref is 0,0,0!  This is only correct if your IMU is at your CAD origin.\n",
+               stderr);
   if (std::fabs(plusZ.dot(plusX)) > 0.001)
     std::fputs("WARNING: imu_plusz_in_trackref isn't perpendicular to imu_plusx_in_trackref!\n", stderr);
 

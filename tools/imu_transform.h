@@ -24,9 +24,7 @@ struct RigidTransformOf {
     out.translation = translation.template cast<Other>();
     return out;
   }
-  bool operator==(const RigidTransformOf& o) const {
-    return rotation == o.rotation && translation == o.translation;
-  }
+  bool operator==(const RigidTransformOf& o) const { return rotation == o.rotation && translation == o.translation; }
   bool operator!=(const RigidTransformOf& o) const { return !(*this == o); }
 };
 

@@ -46,8 +46,8 @@ bool lookUpVersionInformation(const std::string& executablePath, const std::stri
 }
 
 bool GetExeVersionInformation(std::string& errorText, std::string* internalName, std::string* fileVersion) {
-  return lookUpVersionInformation(Path_GetExecutablePath(), SENSORLAY_INTERNAL_NAME, SENSORLAY_FILE_VERSION,
-                                  errorText, internalName, fileVersion);
+  return lookUpVersionInformation(Path_GetExecutablePath(), SENSORLAY_INTERNAL_NAME, SENSORLAY_FILE_VERSION, errorText,
+                                  internalName, fileVersion);
 }
 
 bool printVersionReport(bool found, const std::string& errorText, const std::string& internalName,

@@ -29,10 +29,10 @@ Constellation cubeSensors() {
   Constellation c;
   c.valid = true;
   c.channelMap = {0, 1, 2, 3, 4, 5, 6, 9, -1};
-  c.modelPoints = {{0.05f, 0, 0},     {-0.05f, 0, 0}, {0, 0.05f, 0},       {0, -0.05f, 0}, {0.02f, 0.03f, 0.05f},
-                   {0, 0, -0.05f},    {0, 0, 0.05f},  {0.03f, 0.01f, 0.05f}, {-0.02f, -0.02f, 0.05f}};
-  c.modelNormals = {{1, 0, 0}, {-1, 0, 0}, {0, 1, 0}, {0, -1, 0}, {0, 0, 1},
-                    {0, 0, -1}, {0, 0, 1}, {0, 0, 0}, {0, 0, 1}};
+  c.modelPoints = {{0.05f, 0, 0},  {-0.05f, 0, 0}, {0, 0.05f, 0},         {0, -0.05f, 0},         {0.02f, 0.03f, 0.05f},
+                   {0, 0, -0.05f}, {0, 0, 0.05f},  {0.03f, 0.01f, 0.05f}, {-0.02f, -0.02f, 0.05f}};
+  c.modelNormals = {{1, 0, 0},  {-1, 0, 0}, {0, 1, 0}, {0, -1, 0}, {0, 0, 1},
+                    {0, 0, -1}, {0, 0, 1},  {0, 0, 0}, {0, 0, 1}};
   return c;
 }
 
@@ -135,7 +135,8 @@ TEST(AnalysisRunEndToEnd, RefusalsAndOutputCutShort) {
        "/angleresolutiondegrees must be a number of degrees above 0, not 0.\n"},
       {{"/model", "m.json", "/angleresolutiondegrees", "0.01"},
        "/angleresolutiondegrees 0.01 would make a table of about"},
-      {{"/model", "missing.json", "/outscad", "y.scad"}, "couldn't read missing.json: file is empty or does not exist\n"},
+      {{"/model", "missing.json", "/outscad", "y.scad"},
+       "couldn't read missing.json: file is empty or does not exist\n"},
       {{"/verifycoverage", "2000000", "/sensors", "cube.stl", "/outscad", "y.scad"},
        "/verifycoverage 2000000 is more than the 1000000 placements that one preview can show.\n"},
       {{"/model", "m.json", "/outscad", "/dev/full"}, cutShort},

@@ -63,8 +63,8 @@ TEST(DesignRun, EightSensorsAroundFiveFixedOnes) {
   fixed.modelNormals = {{0, 0, 1}, {0, 0, 1}, {1, 0, 0}, {-1, 0, 0}, {0, 1, 0}};
   testing::writeFile(dir.file("fixed.json"), writeStyledJson(constellationToJson(fixed)));
 
-  const RunResult run = quickDesign(dir, {"/nsensors", "8", "/model", "fixed.json", "/sensors", "box.stl",
-                                          "/outmodel", "out.json", "/outscad", "out.scad"});
+  const RunResult run = quickDesign(dir, {"/nsensors", "8", "/model", "fixed.json", "/sensors", "box.stl", "/outmodel",
+                                          "out.json", "/outscad", "out.scad"});
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err.find("quality map normalization: 1\nanneal duration: "), 0u) << run.err;
   expectCoverageTable(run);
@@ -82,9 +82,9 @@ TEST(DesignRun, EightSensorsAroundFiveFixedOnes) {
   // The script: the same score, the whole JSON in a block comment, then the
   // script of the design with the surface imported.
   const std::string json = modelText.substr(modelText.find('\n') + 1, modelText.size() - modelText.find('\n') - 2);
-  EXPECT_EQ(testing::readFile(dir.file("out.scad")),
-            "/* Final Quality Score: " + score + " / 1000 (lower is better) */\n/*\n" + json + "*/\n\n" +
-                writeScad(designed, "box.stl", {}, 1.0, false, true));
+  EXPECT_EQ(testing::readFile(dir.file("out.scad")), "/* Final Quality Score: " + score +
+                                                         " / 1000 (lower is better) */\n/*\n" + json + "*/\n\n" +
+                                                         writeScad(designed, "box.stl", {}, 1.0, false, true));
 }
 
 TEST(DesignRun, EachOutputAloneAFullDiskAndOpenScad) {

@@ -68,7 +68,8 @@ TEST(Entry, VersionUsageAndValidationMessages) {
       {{"/formatconvert"}, "Unrecognized command line switch [ /formatconvert ].\n" + kUsage},
       {{"/bogus", "/trackref_from_imu"}, "Unrecognized command line switch [ /bogus ].\n" + kUsage},
       // A /formatconvert number without a file behind it.
-      {{"/formatconvert", "1"}, "/formatconvert 1 needs a device file: /formatconvert <jsonformatnumber> <object.json>\n"},
+      {{"/formatconvert", "1"},
+       "/formatconvert 1 needs a device file: /formatconvert <jsonformatnumber> <object.json>\n"},
       {{"/formatconvert", "7"},
        "Unrecognized json format [ 7 ]. Allowed values {0,1,2}\n"
        "/formatconvert 7 needs a device file: /formatconvert <jsonformatnumber> <object.json>\n"},
@@ -90,8 +91,8 @@ TEST(Entry, VersionUsageAndValidationMessages) {
             "couldn't read : file is empty or does not exist\n");
 
   // Past every check, the missing surface is the first thing to fail.
-  auto r = runSensorlay({"/generate", "/sensors", "s.stl", "/outmodel", "o.json", "/nsensors", "32",
-                         "/srbtiltdegrees", "0", "/coolingrate", "-2"});
+  auto r = runSensorlay({"/generate", "/sensors", "s.stl", "/outmodel", "o.json", "/nsensors", "32", "/srbtiltdegrees",
+                         "0", "/coolingrate", "-2"});
   EXPECT_EQ(r.status, 1);
   const std::string last = "Could not build tracked surface from \"s.stl\"\n";
   EXPECT_EQ(r.err.substr(r.err.size() - std::min(r.err.size(), last.size())), last) << r.err;

@@ -27,8 +27,8 @@ Scan scan(std::vector<std::string> args) {
 }
 
 TEST(OptionScan, ValuesConvertLikeScanfAndLaterSwitchesOverwrite) {
-  Scan s = scan({"/model", "/sensors", "/obstacles", "b.stl", "/OBSTACLES", "a.stl", "/NSensors", " 12abc",
-                 "/nsensors", "5", "/coolingrate", "0.5x", "/maxincidenceangle", "1e1", "/srbtiltdegrees", "10"});
+  Scan s = scan({"/model", "/sensors", "/obstacles", "b.stl", "/OBSTACLES", "a.stl", "/NSensors", " 12abc", "/nsensors",
+                 "5", "/coolingrate", "0.5x", "/maxincidenceangle", "1e1", "/srbtiltdegrees", "10"});
   EXPECT_FALSE(s.parseFailed);
   EXPECT_EQ(s.err, "");
   EXPECT_EQ(s.options.modelPath, "/sensors");  // a value is taken as it stands

@@ -351,8 +351,8 @@ TEST(TrackingSections, IntrinsicsCenterAndPoseForms) {
   EXPECT_EQ(camera.extrinsics, defaultCameraMounting());
   camera = readTrackedCamera(parsed(R"({ "extrinsics": { "position": [1, 2, 3] } })"));
   EXPECT_EQ(camera.extrinsics, RigidTransform());
-  camera = readTrackedCamera(
-      parsed(R"({ "extrinsics": { "position": [1, 2, 3], "plus_x": [0, 1, 0], "plus_z": [0, 0, 5] },
+  camera =
+      readTrackedCamera(parsed(R"({ "extrinsics": { "position": [1, 2, 3], "plus_x": [0, 1, 0], "plus_z": [0, 0, 5] },
                   "head_from_camera": [1, 0, 0, 0, 0, 0, 0] })"));
   EXPECT_NEAR(camera.extrinsics.rotation[2], std::sqrt(0.5), 1e-7);
   EXPECT_NEAR(camera.extrinsics.rotation[3], std::sqrt(0.5), 1e-7);

@@ -44,15 +44,22 @@ TEST(DeviceRobustness, EveryValueOfEveryType) {
   // 3e38 is near the top of the float range. Beyond it a float field reads
   // as infinity and is written as 1e+9999, which the reader then refuses: an
   // open question for the record, not pinned here either way.
-  const Json::Value replacements[] = {Json::Value("eEYE_RIGHT"), Json::Value(-1), Json::Value(4294967296.5),
-                                      Json::Value(3e38), Json::Value(Json::arrayValue),
-                                      Json::Value(Json::objectValue), Json::Value(), Json::Value(true), deep};
+  const Json::Value replacements[] = {Json::Value("eEYE_RIGHT"),
+                                      Json::Value(-1),
+                                      Json::Value(4294967296.5),
+                                      Json::Value(3e38),
+                                      Json::Value(Json::arrayValue),
+                                      Json::Value(Json::objectValue),
+                                      Json::Value(),
+                                      Json::Value(true),
+                                      deep};
   int visited = 0, read = 0;
   std::function<void(Json::Value&)> visit = [&](Json::Value& node) {
     const Json::Value saved = node;
     for (const Json::Value& replacement : replacements) {
       node = replacement;
-      read += expectCleanOutcome(original.toStyledString(), saved.toStyledString() + " -> " + replacement.toStyledString());
+      read +=
+          expectCleanOutcome(original.toStyledString(), saved.toStyledString() + " -> " + replacement.toStyledString());
     }
     node = saved;
     ++visited;
@@ -66,7 +73,8 @@ TEST(DeviceRobustness, EveryValueOfEveryType) {
 
 TEST(DeviceRobustness, TruncatedAndGarbledText) {
   const std::string text = richDeviceJson();
-  for (size_t cut = 0; cut < text.size(); cut += 7) expectCleanOutcome(text.substr(0, cut), "cut " + std::to_string(cut));
+  for (size_t cut = 0; cut < text.size(); cut += 7)
+    expectCleanOutcome(text.substr(0, cut), "cut " + std::to_string(cut));
 
   int read = 0;
   std::mt19937 g(20240611u);
@@ -77,9 +85,15 @@ TEST(DeviceRobustness, TruncatedAndGarbledText) {
       const size_t at = g() % mutated.size();
       const char c = alphabet[g() % alphabet.size()];
       switch (g() % 3) {
-        case 0: mutated[at] = c; break;
-        case 1: mutated.insert(at, 1, c); break;
-        default: mutated.erase(at, 1 + g() % 40); break;
+        case 0:
+          mutated[at] = c;
+          break;
+        case 1:
+          mutated.insert(at, 1, c);
+          break;
+        default:
+          mutated.erase(at, 1 + g() % 40);
+          break;
       }
     }
     read += expectCleanOutcome(mutated, "trial " + std::to_string(trial));
@@ -132,7 +146,8 @@ TEST(DeviceModel, ModelSectionOfADeviceFile) {
   model.channelMap = {5};
   ::testing::internal::CaptureStderr();
   EXPECT_FALSE(readDeviceFormModel(
-      "h.json", R"({ "device_class": "hmd", "beaconet_config": { "channelMap": [], "modelPoints": [], "modelNormals": [] } })",
+      "h.json",
+      R"({ "device_class": "hmd", "beaconet_config": { "channelMap": [], "modelPoints": [], "modelNormals": [] } })",
       model));
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "couldn't read h.json: missing values from \"device\" section\n");
   EXPECT_EQ(model.channelMap, std::vector<int32_t>{5});

@@ -14,36 +14,62 @@ namespace {
 void randomDocument(std::mt19937& g, int depth, Json::Value& theirs, JsonOut& ours) {
   const int kind = depth > 3 ? static_cast<int>(g() % 5) : static_cast<int>(g() % 7);
   switch (kind) {
-    case 0: theirs = Json::Value(); ours = JsonOut(); break;
-    case 1: { int v = static_cast<int>(g() % 2001) - 1000; theirs = v; ours = JsonOut(v); break; }
-    case 2: { double v = (static_cast<double>(g()) + 0.5) / 3.0e5; theirs = v; ours = JsonOut(v); break; }
+    case 0:
+      theirs = Json::Value();
+      ours = JsonOut();
+      break;
+    case 1: {
+      int v = static_cast<int>(g() % 2001) - 1000;
+      theirs = v;
+      ours = JsonOut(v);
+      break;
+    }
+    case 2: {
+      double v = (static_cast<double>(g()) + 0.5) / 3.0e5;
+      theirs = v;
+      ours = JsonOut(v);
+      break;
+    }
     case 3: {
       static const char* texts[] = {"", "abc", "with \"quote\"", "tab\there", "back\\slash", "a/b", "ctl\x01"};
       std::string t = texts[g() % 7];
       // Now and then raw bytes, broken UTF-8 included.
       if (g() % 3 == 0)
         for (int n = static_cast<int>(g() % 6); n > 0; --n) t += static_cast<char>(1 + g() % 255);
-      theirs = t; ours = JsonOut(t); break;
+      theirs = t;
+      ours = JsonOut(t);
+      break;
     }
-    case 4: { bool b = g() % 2; theirs = b; ours = JsonOut(b); break; }
+    case 4: {
+      bool b = g() % 2;
+      theirs = b;
+      ours = JsonOut(b);
+      break;
+    }
     case 5: {
-      theirs = Json::Value(Json::arrayValue); ours = JsonOut::array();
+      theirs = Json::Value(Json::arrayValue);
+      ours = JsonOut::array();
       const int n = static_cast<int>(g() % 30);
       for (int i = 0; i < n; ++i) {
-        Json::Value t; JsonOut o;
+        Json::Value t;
+        JsonOut o;
         randomDocument(g, depth + 1, t, o);
-        theirs.append(t); ours.append(o);
+        theirs.append(t);
+        ours.append(o);
       }
       break;
     }
     default: {
-      theirs = Json::Value(Json::objectValue); ours = JsonOut::object();
+      theirs = Json::Value(Json::objectValue);
+      ours = JsonOut::object();
       const int n = static_cast<int>(g() % 6);
       for (int i = 0; i < n; ++i) {
         const std::string key = std::string(1, char('a' + g() % 26)) + std::to_string(g() % 100);
-        Json::Value t; JsonOut o;
+        Json::Value t;
+        JsonOut o;
         randomDocument(g, depth + 1, t, o);
-        theirs[key] = t; ours[key] = o;
+        theirs[key] = t;
+        ours[key] = o;
       }
     }
   }
@@ -52,7 +78,8 @@ void randomDocument(std::mt19937& g, int depth, Json::Value& theirs, JsonOut& ou
 TEST(JsonWriter, MatchesStyledWriterLayoutAtItsOwnMargin) {
   std::mt19937 g(7);
   for (int round = 0; round < 400; ++round) {
-    Json::Value theirs; JsonOut ours;
+    Json::Value theirs;
+    JsonOut ours;
     randomDocument(g, 0, theirs, ours);
     Json::StyledWriter writer;
     ASSERT_EQ(writer.write(theirs), writeStyledJson(ours, 74)) << "round " << round;
@@ -88,8 +115,7 @@ TEST(JsonWriter, NumbersKeepTheWidthOfTheirSource) {
   a.append(int32_t{-3});
   a.append(uint32_t{4000000000u});
   a.append(1e-7f);
-  EXPECT_EQ(writeStyledJson(a),
-            "[ 0.0500000007, 0.050000000000000003, 0, 2, -3, 4000000000, 1.00000001e-07 ]\n");
+  EXPECT_EQ(writeStyledJson(a), "[ 0.0500000007, 0.050000000000000003, 0, 2, -3, 4000000000, 1.00000001e-07 ]\n");
   EXPECT_EQ(formatJsonNumber(std::nan(""), 17), "null");
 }
 
@@ -97,8 +123,14 @@ TEST(JsonWriter, ModelLayout) {
   JsonOut root;
   root["channelMap"].append(0);
   root["channelMap"].append(1);
-  JsonOut n1 = JsonOut::array(); n1.append(0.0f); n1.append(0.0f); n1.append(1.0f);
-  JsonOut n2 = JsonOut::array(); n2.append(0.707106769f); n2.append(0.0f); n2.append(0.707106769f);
+  JsonOut n1 = JsonOut::array();
+  n1.append(0.0f);
+  n1.append(0.0f);
+  n1.append(1.0f);
+  JsonOut n2 = JsonOut::array();
+  n2.append(0.707106769f);
+  n2.append(0.0f);
+  n2.append(0.707106769f);
   root["modelNormals"].append(n1);
   root["modelNormals"].append(n2);
   EXPECT_EQ(writeStyledJson(root),

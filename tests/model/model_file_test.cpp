@@ -45,8 +45,9 @@ TEST(TextFile, CollapsesCrLfAndYieldsEmptyOnAnyFailure) {
 }
 
 TEST(Paths, JoinAndUpwardSearch) {
-  EXPECT_EQ(joinPath("", "b") + " " + joinPath("a\\", "b") + " " + joinPath("a//", "/b") + " " + joinPath("a", "b", '\\'),
-            "b a/b a///b a\\b");
+  EXPECT_EQ(
+      joinPath("", "b") + " " + joinPath("a\\", "b") + " " + joinPath("a//", "/b") + " " + joinPath("a", "b", '\\'),
+      "b a/b a///b a\\b");
 
   TempDir dir;
   const std::string deep = dir.file("One/two/three");

@@ -25,17 +25,18 @@ TEST(SweepModel, TwoSweepAnglesCentreAndSigns) {
   const double pose[6] = {0, 0, -2, 0, 0, 0};
   double angles[6];
   ASSERT_TRUE(differentiateObservations(*evaluator.observations, pose, 6, angles, nullptr));
-  const double expected[6] = {kHalfPi, kHalfPi, std::atan2(2.0, model->points[1].x()), kHalfPi, kHalfPi,
-                              std::atan2(2.0, -model->points[2].y())};
+  const double expected[6] = {kHalfPi, kHalfPi, std::atan2(2.0, model->points[1].x()),
+                              kHalfPi, kHalfPi, std::atan2(2.0, -model->points[2].y())};
   for (int r = 0; r < 6; ++r) EXPECT_EQ(angles[r], expected[r]) << r;
 }
 
 // Also at the zero rotation vector, where the quaternion takes its Taylor
 // form: there X moves as w x p, and its derivatives are not 0.
 TEST(SweepModel, JacobianMatchesCentralDifferences) {
-  auto model = makeSensorModel({{0.03f, -0.05f, 0.07f}, {-0.06f, 0.02f, 0.01f}, {0, 0.08f, -0.04f}, {0.05f, 0.05f, 0.05f}}, kUp);
-  for (const std::array<double, 6>& pose : {std::array<double, 6>{0.12, -0.07, -1.8, 0.3, -0.5, 0.2},
-                                            std::array<double, 6>{0.1, 0.2, -2, 0, 0, 0}}) {
+  auto model =
+      makeSensorModel({{0.03f, -0.05f, 0.07f}, {-0.06f, 0.02f, 0.01f}, {0, 0.08f, -0.04f}, {0.05f, 0.05f, 0.05f}}, kUp);
+  for (const std::array<double, 6>& pose :
+       {std::array<double, 6>{0.12, -0.07, -1.8, 0.3, -0.5, 0.2}, std::array<double, 6>{0.1, 0.2, -2, 0, 0, 0}}) {
     for (int32_t stationKind : {0, 7, 11}) {
       CoverageEvaluator evaluator;
       evaluator.stationConfig.stationKind = stationKind;
@@ -79,7 +80,8 @@ TEST(SweepModel, TiltedRotorRowsAndTheirReach) {
   EXPECT_NEAR(angles[1] - angles[0], 2.0943951023931953 - 2 * B, 1e-12);
 
   // A failing sensor makes the call fail, and nothing is written.
-  for (const std::vector<bool>& visible : {std::vector<bool>{true, true, false}, std::vector<bool>{false, true, true}}) {
+  for (const std::vector<bool>& visible :
+       {std::vector<bool>{true, true, false}, std::vector<bool>{false, true, true}}) {
     set.visibleNow = visible;
     double a[4] = {-7, -7, -7, -7}, j[24];
     std::fill(j, j + 24, -7.0);

@@ -173,8 +173,9 @@ TEST(FastScore, DegenerateFewAndFlatViewsAgree) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const size_t n = c.points.size();
-    auto model = makeSensorModel(c.points, c.singular ? std::vector<Eigen::Vector3f>(turned.begin(), turned.begin() + n)
-                                                      : std::vector<Eigen::Vector3f>(n, Eigen::Vector3f(0.1f, 0.2f, 1)));
+    auto model =
+        makeSensorModel(c.points, c.singular ? std::vector<Eigen::Vector3f>(turned.begin(), turned.begin() + n)
+                                             : std::vector<Eigen::Vector3f>(n, Eigen::Vector3f(0.1f, 0.2f, 1)));
     Search search(nullptr, std::move(model), c.singular ? 300 : 400);
     FastScorer scorer(*search.evaluator);
     const double tolerance = c.singular ? 0.0 : 1e-9;
@@ -198,8 +199,9 @@ TEST(FastScore, DegenerateFewAndFlatViewsAgree) {
     for (int i = 0; i < 30; ++i) {
       const int32_t k = search.pick();
       const Eigen::Vector3d shift(0.01 * std::cos(i), 0.01 * std::sin(i), 0.0);
-      const auto old = c.singular ? search.place(k, search.model->points[k], turned[search.draws() % 8].cast<double>().normalized())
-                                  : search.place(k, search.model->points[k] + shift, search.model->normals[k]);
+      const auto old =
+          c.singular ? search.place(k, search.model->points[k], turned[search.draws() % 8].cast<double>().normalized())
+                     : search.place(k, search.model->points[k] + shift, search.model->normals[k]);
       expectAgreement(search, scorer.scoreMove(k), tolerance, "move " + std::to_string(i));
       if (i % 3 == 0) {
         search.place(k, old.first, old.second);

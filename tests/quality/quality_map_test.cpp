@@ -14,7 +14,8 @@ namespace {
 constexpr double kPi = 3.141592653589793;
 
 std::string pgm(int width, int height, const std::vector<unsigned char>& pixels) {
-  return "P5\n" + std::to_string(width) + " " + std::to_string(height) + "\n255\n" + std::string(pixels.begin(), pixels.end());
+  return "P5\n" + std::to_string(width) + " " + std::to_string(height) + "\n255\n" +
+         std::string(pixels.begin(), pixels.end());
 }
 
 float unit(int b) { return static_cast<float>(b) * 0.003921569f; }
@@ -35,10 +36,10 @@ TEST(QualityMap, NearestPixelOfGreyImages) {
     EXPECT_EQ(evaluator.qualityAt(kPi / 2, -kPi), unit(pixels[0]));  // the seam's sides are separate columns
     EXPECT_EQ(evaluator.qualityAt(kPi / 2, kPi), unit(pixels[4]));
     EXPECT_EQ(evaluator.qualityAt(-kPi / 2, kPi), unit(pixels[14]));
-    EXPECT_EQ(evaluator.qualityAt(0.0, 0.0), unit(pixels[7]));  // +Z at the centre
+    EXPECT_EQ(evaluator.qualityAt(0.0, 0.0), unit(pixels[7]));                   // +Z at the centre
     EXPECT_EQ(evaluator.qualityAt(0.0, -kPi + 0.4 * kPi / 2), unit(pixels[5]));  // column 0.4 rounds to 0
     EXPECT_EQ(evaluator.qualityAt(0.0, -kPi + 0.6 * kPi / 2), unit(pixels[6]));  // 0.6 to 1
-    EXPECT_EQ(evaluator.qualityAt(4.0, 9.0), unit(pixels[4]));  // clamped beyond the edges
+    EXPECT_EQ(evaluator.qualityAt(4.0, 9.0), unit(pixels[4]));                   // clamped beyond the edges
     EXPECT_EQ(evaluator.qualityAt(std::nan(""), std::nan("")), unit(pixels[0]));
   }
 
@@ -59,7 +60,8 @@ TEST(QualityMap, ColourImageStepsByItsChannelCount) {
   CoverageEvaluator evaluator;
   evaluator.loadQualityMap(dir.file("rgb.png"));
   ASSERT_EQ(evaluator.qualityMapPixels.size(), 12u);
-  for (size_t i = 0; i < 12; ++i) EXPECT_EQ(evaluator.qualityMapPixels[i], i < 4 ? unit(60 * static_cast<int>(i) + 5) : 0.0f);
+  for (size_t i = 0; i < 12; ++i)
+    EXPECT_EQ(evaluator.qualityMapPixels[i], i < 4 ? unit(60 * static_cast<int>(i) + 5) : 0.0f);
 }
 
 TEST(QualityMap, UnreadableFilesLeaveNoMap) {

@@ -8,8 +8,8 @@
 #include "surface/tracked_surface.h"
 #include "tests/support/allocation_counter.h"
 #include "tests/support/meshes.h"
-#include "tests/support/score_runs.h"
 #include "tests/support/run_binary.h"
+#include "tests/support/score_runs.h"
 
 namespace sensorlay {
 namespace {
@@ -95,8 +95,8 @@ TEST(Score, TheSurfaceHidesSensorsBehindObstacles) {
   testing::TempDir dir;
   testing::writeStlBinary(dir.file("cube.stl"), testing::cubeMesh(0.1f, 2));
   testing::writeStlBinary(dir.file("plate.stl"), testing::plateMesh(2.0f, 0.5f));
-  const std::vector<Eigen::Vector3f> points = {{0, 0, 0.05f}, {0.03f, 0.03f, 0.05f}, {-0.03f, 0.03f, 0.05f},
-                                               {-0.03f, -0.03f, 0.05f}, {0.03f, -0.02f, 0.05f}};
+  const std::vector<Eigen::Vector3f> points = {
+      {0, 0, 0.05f}, {0.03f, 0.03f, 0.05f}, {-0.03f, 0.03f, 0.05f}, {-0.03f, -0.03f, 0.05f}, {0.03f, -0.02f, 0.05f}};
   const std::vector<Eigen::Vector3f> up(5, Eigen::Vector3f(0, 0, 1));
   auto model = makeSensorModel(points, up);
   TrackedSurface bare(dir.file("cube.stl"), {}), covered(dir.file("cube.stl"), {dir.file("plate.stl")});
@@ -123,8 +123,8 @@ TEST(Score, RepeatedScoresAllocateNothing) {
   auto twenty = makeSphereSensors(20, 0.0805f), forty = makeSphereSensors(40, 0.0805f);
   twenty->cosMaxIncidence = 0.2;
   forty->cosMaxIncidence = -1.0;
-  for (auto [model, occluder] : {std::pair<SensorModel*, const TrackedSurface*>{twenty.get(), &surface},
-                                 {forty.get(), nullptr}}) {
+  for (auto [model, occluder] :
+       {std::pair<SensorModel*, const TrackedSurface*>{twenty.get(), &surface}, {forty.get(), nullptr}}) {
     CoverageEvaluator evaluator;
     attach(evaluator, model, occluder);
     quietSamples(evaluator, 200);

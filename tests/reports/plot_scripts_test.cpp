@@ -53,14 +53,13 @@ TEST(PlotScripts, RealTablesBecomeMapsOfTheAskedSize) {
 
   const std::string scripts = std::string(SENSORLAY_SOURCE_DIR) + "/scripts/";
   const std::string size = "PLOT_WIDTH=640 PLOT_HEIGHT=400 ";
-  ASSERT_EQ(shell(size + scripts + "plot-coverage.sh " + dir.file("coverage.txt") + " " + dir.file("maps") +
-                  " >/dev/null"),
-            0);
+  ASSERT_EQ(
+      shell(size + scripts + "plot-coverage.sh " + dir.file("coverage.txt") + " " + dir.file("maps") + " >/dev/null"),
+      0);
   for (const char* name : {"visible-sensors", "grade", "rotation-sigma", "position-sigma"})
     EXPECT_EQ(pngSize(dir.file("maps/") + name + ".png"), std::make_pair(640u, 400u)) << name;
 
-  ASSERT_EQ(shell(scripts + "plot-sensitivity.sh " + dir.file("sensitivity.txt") + " " + dir.file("s") +
-                  " >/dev/null"),
+  ASSERT_EQ(shell(scripts + "plot-sensitivity.sh " + dir.file("sensitivity.txt") + " " + dir.file("s") + " >/dev/null"),
             0);
   for (const char* name : {"sigma-x", "sigma-y", "sigma-z"})
     EXPECT_EQ(pngSize(dir.file("s/") + name + ".png"), std::make_pair(1200u, 700u)) << name;

@@ -1,7 +1,7 @@
 #include "reports/report_tables.h"
 
-#include <Eigen/Geometry>
 #include <gtest/gtest.h>
+#include <Eigen/Geometry>
 
 #include <cmath>
 #include <memory>
@@ -114,8 +114,7 @@ TEST(CoverageTable, GradesFollowTheVisibleSensors) {
   // Four in one plane, and five that are nearly collinear: no triangle wide
   // enough, or none with a sensor off its plane.
   EXPECT_EQ(grade(facingRow({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0}}, {4, kUp})), "96 4");
-  EXPECT_EQ(grade(facingRow({{0, 0, 0}, {0.05f, 0.004f, 0}, {0.1f, 0, 0.004f}, {0.15f, 0, 0}, {0.2f, 0.004f, 0}},
-                            up5)),
+  EXPECT_EQ(grade(facingRow({{0, 0, 0}, {0.05f, 0.004f, 0}, {0.1f, 0, 0.004f}, {0.15f, 0, 0}, {0.2f, 0.004f, 0}}, up5)),
             "96 4");
 
   // The whole line of a good view: sigmas small, channels listed.
@@ -150,7 +149,7 @@ TEST(CoverageTable, NeverSeenSensorsAndTheStraightAheadRow) {
   // Over the whole sphere every sensor faces the station somewhere, but for
   // one with a zero normal (not a number after reading), on channel 9.
   auto model = makeSensorModel({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0, 0, 0.03f}}, {kUp, kUp, kDown, {0, 0, 0}},
-                         {3, 4, 7, 9});
+                               {3, 4, 7, 9});
   CoverageEvaluator evaluator;
   testing::attach(evaluator, model.get());
   // At 45 degrees the running sums land on zero: one sample looks straight
@@ -172,7 +171,8 @@ TEST(SensitivityTable, PositionTurnsWithTheDevice) {
   CoverageEvaluator evaluator;
   testing::attach(evaluator, model.get());
   // The second sample turns by 30 degrees about y.
-  evaluator.samples = {OrientationSample(), {0, 0, {0, M_PI / 6.0, 0}, {std::cos(M_PI / 12.0), 0, std::sin(M_PI / 12.0), 0}}};
+  evaluator.samples = {OrientationSample(),
+                       {0, 0, {0, M_PI / 6.0, 0}, {std::cos(M_PI / 12.0), 0, std::sin(M_PI / 12.0), 0}}};
   const TableOutput table = printTable(evaluator, true);
   std::istringstream lines(table.out);
   std::string ahead, turned;

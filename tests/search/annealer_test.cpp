@@ -68,8 +68,8 @@ TEST(AnnealSchedule, LevelsDurationAndProgress) {
     size_t levels;
     std::string duration;
   };
-  for (const Case& c : {Case{0.96, 195, "389.867"}, Case{0.0, 1, "0"}, Case{0.5, 12, "22.9607"},
-                        Case{std::nan(""), 1, "nan"}}) {
+  for (const Case& c :
+       {Case{0.96, 195, "389.867"}, Case{0.0, 1, "0"}, Case{0.5, 12, "22.9607"}, Case{std::nan(""), 1, "nan"}}) {
     SCOPED_TRACE(c.rate);
     AnnealerOptions options(*fixture.surface, 2);
     options.nOrientations = 1;

@@ -117,8 +117,9 @@ TEST(FastAnnealer, TrialsAllocateNothing) {
 // enough for rays, and with room for 6 mm sensors on most of their area, or a
 // design on them would search for ever.
 TEST(SampleDevices, MillimetreMeshesWithRoomForSensors) {
-  for (const auto& [name, obstacles] : {std::pair<std::string, std::vector<std::string>>{"headset.stl", {kSamples + "headset_head.stl"}},
-                                        {"controller.stl", {}}}) {
+  for (const auto& [name, obstacles] :
+       {std::pair<std::string, std::vector<std::string>>{"headset.stl", {kSamples + "headset_head.stl"}},
+        {"controller.stl", {}}}) {
     SCOPED_TRACE(name);
     TrackedSurface surface(kSamples + name, obstacles);
     ASSERT_GT(surface.faceCount(), 10000u);

@@ -41,8 +41,7 @@ void writeStlAscii(const std::string& path, const Mesh& mesh, const std::string&
   for (const auto& t : mesh) {
     out << "  facet normal " << t.normal.x() << " " << t.normal.y() << " " << t.normal.z() << "\n";
     out << "    outer loop\n";
-    for (const auto* v : {&t.a, &t.b, &t.c})
-      out << "      vertex " << v->x() << " " << v->y() << " " << v->z() << "\n";
+    for (const auto* v : {&t.a, &t.b, &t.c}) out << "      vertex " << v->x() << " " << v->y() << " " << v->z() << "\n";
     out << "    endloop\n  endfacet\n";
   }
   out << "endsolid " << name << "\n";
@@ -75,11 +74,11 @@ Mesh boxMesh(const Eigen::Vector3f& lo, const Eigen::Vector3f& hi, int n) {
   Mesh m;
   const Eigen::Vector3f d = hi - lo;
   const Eigen::Vector3f X(d.x(), 0, 0), Y(0, d.y(), 0), Z(0, 0, d.z());
-  addGrid(m, lo, Y, X, n);                                  // bottom, -z
+  addGrid(m, lo, Y, X, n);                                       // bottom, -z
   addGrid(m, Eigen::Vector3f(lo.x(), lo.y(), hi.z()), X, Y, n);  // top, +z
-  addGrid(m, lo, X, Z, n);                                  // front, -y
+  addGrid(m, lo, X, Z, n);                                       // front, -y
   addGrid(m, Eigen::Vector3f(lo.x(), hi.y(), lo.z()), Z, X, n);  // back, +y
-  addGrid(m, lo, Z, Y, n);                                  // left, -x
+  addGrid(m, lo, Z, Y, n);                                       // left, -x
   addGrid(m, Eigen::Vector3f(hi.x(), lo.y(), lo.z()), Y, Z, n);  // right, +x
   return m;
 }

@@ -15,13 +15,15 @@ TEST(CoverageEvaluator, InformationIsTheInverseOfTheAngleNoise) {
   for (int i = 0; i < 64; ++i)
     for (int j = 0; j < 64; ++j) covariance(i, j) = (i == j ? single : 0.0) + (i % 2 == j % 2 ? shared : 0.0);
   ASSERT_EQ(evaluator.measurementInformation.rows(), 64);
-  EXPECT_LT((evaluator.measurementInformation * covariance - Eigen::MatrixXd::Identity(64, 64)).cwiseAbs().maxCoeff(), 1e-9);
+  EXPECT_LT((evaluator.measurementInformation * covariance - Eigen::MatrixXd::Identity(64, 64)).cwiseAbs().maxCoeff(),
+            1e-9);
   EXPECT_EQ(evaluator.measurementInformation(10, 33), 0.0);  // the two kinds of angle are independent
   EXPECT_EQ(evaluator.observations, nullptr);
 }
 
 TEST(CoverageEvaluator, RebuildFollowsTheModelsNumbering) {
-  const std::pair<int32_t, int32_t> kinds[] = {{0, 1}, {7, 2}, {8, 2}, {9, 1}, {10, 3}, {11, 4}, {12, 1}, {13, 5}, {14, 5}, {-1, 1}};
+  const std::pair<int32_t, int32_t> kinds[] = {{0, 1},  {7, 2},  {8, 2},  {9, 1},  {10, 3},
+                                               {11, 4}, {12, 1}, {13, 5}, {14, 5}, {-1, 1}};
   for (const auto& [station, sweep] : kinds) EXPECT_EQ(sweepKindForStation(station), sweep) << station;
 
   // Channel -1 drops the second sensor from the points, but the index keeps

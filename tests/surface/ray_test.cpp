@@ -76,7 +76,10 @@ TEST(IsOnSurface, AcceptsFromFourMillimetresAboveToOneUnder) {
   TempDir dir;
   auto s = buildSurface(dir, plateMesh(0.1f, 0.0f, 2));
   const V3 up(0, 0, 1);
-  for (const auto& [z, on] : {std::pair{0.0f, true}, {0.0035f, true}, {0.0045f, false}, {-0.0005f, true},
+  for (const auto& [z, on] : {std::pair{0.0f, true},
+                              {0.0035f, true},
+                              {0.0045f, false},
+                              {-0.0005f, true},
                               {-0.002f, false}}) {  // the last sees the plate from below
     EXPECT_EQ(s->isOnSurface({0.01f, 0.01f, z}, up), on) << z;
   }

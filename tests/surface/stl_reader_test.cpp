@@ -34,7 +34,7 @@ TEST(StlReader, BinaryAsciiAndSolidHeaderReadTheSameTriangles) {
   m[1].a = Eigen::Vector3f(2.125f, -1e-7f, 123456.789f);
   writeStlBinary(dir.file("b.stl"), m);
   writeStlBinary(dir.file("s.stl"), m, "solid exported by some CAD tool");  // common in CAD exports
-  writeStlAscii(dir.file("a.stl"), m);  // nine digits keep every float
+  writeStlAscii(dir.file("a.stl"), m);                                      // nine digits keep every float
   for (const char* name : {"b.stl", "s.stl", "a.stl"}) {
     const Read r = readCapturing(dir.file(name));
     ASSERT_TRUE(r.ok) << r.err;

@@ -17,12 +17,11 @@ constexpr uint32_t kDefaultFirstOutput = 3499211612u;
 TEST(TrackedSurface, ScaleFollowsTheBoundingBoxDiagonal) {
   TempDir dir;
   // Legs 3 and 4 give a diagonal of exactly 5.
-  const std::vector<std::pair<Mesh, double>> cases = {
-      {cubeMesh(1.0f), 1.0},
-      {cubeMesh(3.0f), 0.001},
-      {{makeTriangle({0, 0, 0}, {3, 0, 0}, {0, 4, 0})}, 0.001},
-      {{makeTriangle({0, 0, 0}, {3, 0, 0}, {0, 3.9999f, 0})}, 1.0},
-      {{makeTriangle({0, 0, 0}, {3, 0, 0}, {0, 4.0001f, 0})}, 0.001}};
+  const std::vector<std::pair<Mesh, double>> cases = {{cubeMesh(1.0f), 1.0},
+                                                      {cubeMesh(3.0f), 0.001},
+                                                      {{makeTriangle({0, 0, 0}, {3, 0, 0}, {0, 4, 0})}, 0.001},
+                                                      {{makeTriangle({0, 0, 0}, {3, 0, 0}, {0, 3.9999f, 0})}, 1.0},
+                                                      {{makeTriangle({0, 0, 0}, {3, 0, 0}, {0, 4.0001f, 0})}, 0.001}};
   for (const auto& [mesh, scale] : cases) {
     writeStlBinary(dir.file("m.stl"), mesh);
     TrackedSurface s(dir.file("m.stl"), {});

@@ -20,11 +20,13 @@ TEST(FormatConvertEndToEnd, GenerationsAndStandaloneModels) {
   auto r1 = runSensorlay({"/FORMATCONVERT", "1", device});
   auto r2 = runSensorlay({"/formatconvert", "2", device});
   // The oldest generation keeps the IMU calibration at the root.
-  EXPECT_EQ(r0.out.rfind("{\n   \"acc_bias\" : [ 0, 0, 0 ],\n   \"acc_scale\" : [ 1.00999999, 1, 0.99000001 ],\n", 0), 0u);
+  EXPECT_EQ(r0.out.rfind("{\n   \"acc_bias\" : [ 0, 0, 0 ],\n   \"acc_scale\" : [ 1.00999999, 1, 0.99000001 ],\n", 0),
+            0u);
   for (const auto* r : {&r0, &r1, &r2}) {
     EXPECT_EQ(r->status, 0);
     EXPECT_EQ(r->err, "");
-    EXPECT_NE(r->out.find("\n   \"attached_device_id\" : \"LHR-1234-A\",\n   \"beaconet_config\" : {\n"), std::string::npos);
+    EXPECT_NE(r->out.find("\n   \"attached_device_id\" : \"LHR-1234-A\",\n   \"beaconet_config\" : {\n"),
+              std::string::npos);
     EXPECT_EQ(r->out.substr(r->out.size() - 3), "}\n\n");
     EXPECT_EQ(r->out.find("not_a_device_key"), std::string::npos);
   }
@@ -52,11 +54,12 @@ TEST(FormatConvertEndToEnd, GenerationsAndStandaloneModels) {
   writeFile(model, "{ \"channelMap\": [0], \"modelPoints\": [[0, 0, 0]], \"modelNormals\": [[0, 0, 1]] }");
   auto r = runSensorlay({"/formatconvert", "1", model});
   EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out,
-            "{\n   \"device_class\" : \"unknown\",\n   \"head\" : {\n      \"plus_x\" : [ 1, 0, 0 ],\n"
-            "      \"plus_z\" : [ 0, 0, 1 ],\n      \"position\" : [ 0, 0, 0 ]\n   },\n   \"imu\" : {\n"
-            "      \"plus_x\" : [ 1, 0, 0 ],\n      \"plus_z\" : [ 0, 0, 1 ],\n      \"position\" : [ 0, 0, 0 ]\n   },\n"
-            "   \"revision\" : 0\n}\n\n");
+  EXPECT_EQ(
+      r.out,
+      "{\n   \"device_class\" : \"unknown\",\n   \"head\" : {\n      \"plus_x\" : [ 1, 0, 0 ],\n"
+      "      \"plus_z\" : [ 0, 0, 1 ],\n      \"position\" : [ 0, 0, 0 ]\n   },\n   \"imu\" : {\n"
+      "      \"plus_x\" : [ 1, 0, 0 ],\n      \"plus_z\" : [ 0, 0, 1 ],\n      \"position\" : [ 0, 0, 0 ]\n   },\n"
+      "   \"revision\" : 0\n}\n\n");
 }
 
 TEST(FormatConvertEndToEnd, FailuresAndTheirStatus) {

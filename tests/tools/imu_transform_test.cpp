@@ -68,9 +68,10 @@ TEST(ImuTransformEndToEnd, TransformsAndMessages) {
   auto r = runSensorlay({"/trackref_from_imu", input});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.err, "");
-  EXPECT_EQ(r.out,
-            "{\n   \"trackref_from_imu\" : [ 0, 0, 0, 1, 0.10000000000000001, 0.20000000000000001, 0.29999999999999999 ]\n}"
-            "\n\n");
+  EXPECT_EQ(
+      r.out,
+      "{\n   \"trackref_from_imu\" : [ 0, 0, 0, 1, 0.10000000000000001, 0.20000000000000001, 0.29999999999999999 ]\n}"
+      "\n\n");
 
   // The sample, fed back as it stands, stops at the +Z test.
   r = runSensorlay({"/trackref_from_imu"});
@@ -113,8 +114,8 @@ TEST(ImuTransformEndToEnd, UnreadableInput) {
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err.rfind("couldn't parse " + input + ": * Line 1", 0), 0u) << r.err;
 
-  for (const char* text : {"{ \"imu_plusz_in_trackref\": \"up\" }", "{ \"imu_plusz_in_trackref\": [0, \"1\", 0] }",
-                           "[ 1, 2, 3 ]"}) {
+  for (const char* text :
+       {"{ \"imu_plusz_in_trackref\": \"up\" }", "{ \"imu_plusz_in_trackref\": [0, \"1\", 0] }", "[ 1, 2, 3 ]"}) {
     writeFile(input, text);
     r = runSensorlay({"/trackref_from_imu", input});
     EXPECT_EQ(r.status, 1) << text;
