@@ -8,6 +8,7 @@ packages=(
   libeigen3-dev libembree-dev libceres-dev libjsoncpp-dev libgoogle-glog-dev libstb-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   openscad gnuplot-nox
+  clang-format
 )
 
 missing=()
