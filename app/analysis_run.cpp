@@ -5,10 +5,10 @@
 #include <iostream>
 
 #include "app/modes.h"
-#include "model/model_file.h"
+#include "device/model_loading.h"
 #include "model/scad_writer.h"
+#include "quality/coverage_evaluator.h"
 #include "reports/report_tables.h"
-#include "surface/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
 
 namespace sensorlay {
@@ -85,8 +85,12 @@ int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface
 int convertModelToScad(const DesignOptions& options, TrackedSurface* surface) {
   // A fresh read: the loaded SensorModel has dropped the negative channels,
   // while the script shows every sensor of the file.
-  Constellation constellation;
-  if (!readModelFile(options.modelPath, constellation)) return 1;
+  const Result<Constellation> read = readModelFile(options.modelPath);
+  if (!read) {
+    std::fprintf(stderr, "%s\n", read.message().c_str());
+    return 1;
+  }
+  const Constellation& constellation = *read;
 
   std::string script;
   if (surface != nullptr)

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "app/modes.h"
-#include "model/json_io.h"
+#include "common/json_io.h"
 #include "model/scad_writer.h"
 #include "search/annealer.h"
 #include "surface/tracked_surface.h"

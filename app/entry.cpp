@@ -5,8 +5,8 @@
 
 #include "app/modes.h"
 #include "app/options.h"
-#include "model/model_file.h"
-#include "surface/coverage_evaluator.h"
+#include "device/model_loading.h"
+#include "quality/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
 #include "tools/tools.h"
 
@@ -51,9 +51,12 @@ int runEntry(int argc, char** argv) {
 
   SensorModel* model = nullptr;
   if (!options.modelPath.empty()) {
-    // The loader has printed its own complaint.
-    processLifetime.loadedModel = loadSensorModel(options.modelPath).release();
-    if (processLifetime.loadedModel == nullptr) return 1;
+    Result<std::unique_ptr<SensorModel>> loaded = loadSensorModel(options.modelPath);
+    if (!loaded) {
+      std::fprintf(stderr, "%s\n", loaded.message().c_str());
+      return 1;
+    }
+    processLifetime.loadedModel = loaded->release();
     model = processLifetime.loadedModel;
   }
 

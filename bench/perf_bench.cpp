@@ -23,11 +23,11 @@
 
 #include "app/modes.h"
 #include "bench/bench_scenes.h"
+#include "common/worker_pool.h"
+#include "quality/coverage_evaluator.h"
 #include "quality/fast_score.h"
 #include "search/annealer.h"
-#include "surface/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
-#include "surface/worker_pool.h"
 
 namespace {
 

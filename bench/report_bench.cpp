@@ -19,8 +19,8 @@
 
 #include "app/modes.h"
 #include "bench/bench_scenes.h"
-#include "surface/coverage_evaluator.h"
-#include "surface/worker_pool.h"
+#include "common/worker_pool.h"
+#include "quality/coverage_evaluator.h"
 
 namespace {
 

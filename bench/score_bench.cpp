@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "bench/bench_scenes.h"
-#include "surface/coverage_evaluator.h"
+#include "quality/coverage_evaluator.h"
 
 namespace {
 

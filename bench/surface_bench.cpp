@@ -9,8 +9,8 @@
 #include <memory>
 #include <random>
 
-#include "surface/coverage_evaluator.h"
-#include "surface/random_draws.h"
+#include "common/random_draws.h"
+#include "quality/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
 #include "tests/support/meshes.h"
 

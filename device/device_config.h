@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "common/json_io.h"
 #include "device/display_sections.h"
+#include "device/rigid_transform.h"
 #include "device/tracking_sections.h"
 #include "model/constellation.h"
-#include "model/json_io.h"
-#include "tools/imu_transform.h"
 
 namespace sensorlay {
 

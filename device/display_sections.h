@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 
-#include "model/json_io.h"
+#include "common/json_io.h"
 
 namespace Json {
 class Value;

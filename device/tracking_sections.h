@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "common/json_io.h"
 #include "device/display_sections.h"
-#include "model/json_io.h"
-#include "tools/imu_transform.h"
+#include "device/rigid_transform.h"
 
 namespace Json {
 class Value;

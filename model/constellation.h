@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "model/json_io.h"
+#include "common/json_io.h"
 
 namespace Json {
 class Value;

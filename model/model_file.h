@@ -1,35 +1,31 @@
 #pragma once
-// Reading sensor model files: standalone JSON, or a device file that holds the
-// model section under "beaconet_config".
+// Reading standalone sensor model files. A model may also stand inside a whole
+// device file under "beaconet_config"; that form is read by device/.
 
-#include <memory>
 #include <string>
 
+#include "common/result.h"
 #include "model/constellation.h"
 
 namespace sensorlay {
 
-// False when nothing usable was read; the complaint has been printed and the
-// record is left as it was. True does not promise `valid`.
-bool readModelFile(const std::string& path, Constellation& constellation);
+// A model file's text and the path that complaints about it name.
+struct ModelText {
+  std::string shownPath;
+  std::string text;
+};
 
-// The device-file branch of readModelFile (device/).
-bool readDeviceFormModel(const std::string& path, const std::string& text, Constellation& constellation);
+// A path containing ".json" is read as it stands; a bare name is a model
+// shipped under the resource root, cfg/hmd/<name>.json, and the complaints name
+// that relative path, which is what the user can act on.
+Result<ModelText> readModelText(const std::string& path);
 
-// The model of a file with the identity transform, or null after a complaint.
-std::unique_ptr<SensorModel> loadSensorModel(const std::string& path);
+// True when the text is a whole device file with the model inside: a plain
+// search over the raw text, comments and strings included.
+bool holdsDeviceFile(const ModelText& model);
 
-// The whole file with CR LF collapsed to LF; empty on any failure.
-std::string readTextFile(const std::string& path);
-std::string readResourceFile(const std::string& relativePath);
-std::string joinPath(const std::string& a, const std::string& b, char separator = '/');
-// The folder under which bare model names are looked up (cfg/hmd/<name>.json).
-std::string findResourceRoot();
-// The first of `start` and its ancestors whose last component is `name`,
-// compared without regard to case; empty when there is none.
-std::string findAncestorNamed(const std::string& start, const std::string& name);
-// `name` joined to the first of `start` and its ancestors that holds an entry
-// of that name; empty when the walk runs out.
-std::string findEntryUpwards(const std::string& start, const std::string& name);
+// A standalone model: the keys of the model section at the root. A missing key
+// is no failure: the record comes back with `valid` false.
+Result<Constellation> parseStandaloneModel(const ModelText& model);
 
 }  // namespace sensorlay

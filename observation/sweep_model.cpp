@@ -22,6 +22,55 @@ inline double valueOf(const PoseJet& j) { return j.a; }
 
 }  // namespace
 
+int32_t sweepKindForStation(int32_t stationKind) {
+  switch (stationKind) {
+    case 7:
+    case 8:
+      return 2;
+    case 10:
+      return 3;
+    case 11:
+      return 4;
+    case 13:
+    case 14:
+      return 5;
+    default:
+      return 1;
+  }
+}
+
+std::unique_ptr<SweepObservationSet> makeObservationSet(const SensorModel* model, const TrackedSurface* surface,
+                                                        const StationConfig& stationConfig) {
+  auto set = std::make_unique<SweepObservationSet>();
+  set->surface = surface;
+
+  const size_t n = model != nullptr ? model->points.size() : 0;
+  const size_t channelCount = model != nullptr ? model->channels.size() : 0;
+  if (n > 0) {
+    const int32_t sweepKind = sweepKindForStation(stationConfig.stationKind);
+    set->sensorSweeps.reserve(n);
+    set->visibilityTests.reserve(n);
+    set->visibleNow.reserve(n);
+    set->everVisible.reserve(n);
+    for (size_t i = 0; i < n; ++i) {
+      // The record carries the channel's index in the model file's numbering,
+      // as the model keeps it; a channel without an entry (a model built by
+      // hand) gets an index that no sensor has, so it is never seen.
+      int32_t sensorIndex = -1;
+      if (i < channelCount) {
+        const auto found = model->channelIndex.find(model->channels[i]);
+        if (found != model->channelIndex.end()) sensorIndex = found->second;
+      }
+      // Pointers, not copies: a moved sensor or a new tilt takes effect at once.
+      set->sensorSweeps.push_back(SensorSweep{model, sensorIndex, &stationConfig, sweepKind});
+      set->visibilityTests.push_back(SensorVisibilityTest{model, sensorIndex, surface});
+      set->visibleNow.push_back(true);
+      set->everVisible.push_back(false);
+    }
+  }
+  return set;
+}
+
 template <typename T>
 void sensorInStationFrame(const SensorSweep& sweep, const T stationPose[7], T X[3]) {
   const Eigen::Vector3d& p = sweep.model->points[static_cast<size_t>(sweep.sensorIndex)];

@@ -11,10 +11,44 @@
 #include <ceres/jet.h>
 
 #include <cstdint>
+#include <memory>
 
-#include "surface/coverage_evaluator.h"
+#include <vector>
+
+#include "model/constellation.h"
+#include "surface/visibility.h"
 
 namespace sensorlay {
+
+struct StationConfig {
+  int32_t stationKind = 0;
+  double tiltRadians = 0.5;
+};
+
+struct SensorSweep {
+  const SensorModel* model = nullptr;
+  int32_t sensorIndex = 0;
+  const StationConfig* stationConfig = nullptr;
+  int32_t sweepKind = 1;
+};
+
+struct SweepObservationSet {
+  std::vector<SensorSweep> sensorSweeps;
+  std::vector<SensorVisibilityTest> visibilityTests;
+  std::vector<bool> visibleNow;
+  std::vector<bool> everVisible;
+  const TrackedSurface* surface = nullptr;
+};
+
+// The sweep kind that a base-station kind code maps to.
+int32_t sweepKindForStation(int32_t stationKind);
+
+// One sweep record and one visibility test for each sensor of the model, all
+// visible now and none seen yet. The records point at the model, the surface
+// and the station, which must outlive the set: a moved sensor or a new tilt
+// takes effect without a rebuild.
+std::unique_ptr<SweepObservationSet> makeObservationSet(const SensorModel* model, const TrackedSurface* surface,
+                                                        const StationConfig& stationConfig);
 
 // A value and its derivatives with respect to the six pose parameters.
 using PoseJet = ceres::Jet<double, 6>;

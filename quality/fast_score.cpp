@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <cmath>
 
+#include "common/worker_pool.h"
 #include "observation/sweep_model.h"
+#include "quality/coverage_evaluator.h"
 #include "quality/score_scratch.h"
-#include "surface/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
-#include "surface/worker_pool.h"
 
 // The loops of the 6 x 6 solve and of a sensor's share are short and of fixed
 // length, and run for every sample a trial touches: fully unrolled they take

@@ -2,9 +2,9 @@
 #include <iostream>
 #include <random>
 
-#include "quality/rotation_math.h"
-#include "surface/coverage_evaluator.h"
-#include "surface/random_draws.h"
+#include "common/random_draws.h"
+#include "common/rotation.h"
+#include "quality/coverage_evaluator.h"
 
 namespace sensorlay {
 

@@ -5,7 +5,7 @@
 #include <iostream>
 #include <new>
 
-#include "surface/coverage_evaluator.h"
+#include "quality/coverage_evaluator.h"
 
 namespace sensorlay {
 

@@ -1,8 +1,8 @@
 #include <cmath>
 
 #include "observation/sweep_model.h"
+#include "quality/coverage_evaluator.h"
 #include "quality/score_scratch.h"
-#include "surface/coverage_evaluator.h"
 
 namespace sensorlay {
 

@@ -14,11 +14,11 @@
 #include <limits>
 #include <memory>
 
+#include "common/rotation.h"
+#include "common/worker_pool.h"
 #include "observation/sweep_model.h"
-#include "quality/rotation_math.h"
+#include "quality/coverage_evaluator.h"
 #include "quality/score_scratch.h"
-#include "surface/coverage_evaluator.h"
-#include "surface/worker_pool.h"
 
 namespace sensorlay {
 

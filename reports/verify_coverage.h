@@ -1,5 +1,5 @@
 #pragma once
-// The surface-fit preview of /verifycoverage (runVerifyCoverage in app/modes.h).
+// The placements of the surface-fit preview (/verifycoverage).
 
 #include <cstdint>
 

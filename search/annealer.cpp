@@ -5,8 +5,8 @@
 #include <iostream>
 #include <limits>
 
+#include "common/random_draws.h"
 #include "quality/fast_score.h"
-#include "surface/random_draws.h"
 #include "surface/tracked_surface.h"
 
 namespace sensorlay {

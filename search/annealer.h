@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "model/constellation.h"
-#include "surface/coverage_evaluator.h"
+#include "quality/coverage_evaluator.h"
 
 namespace sensorlay {
 

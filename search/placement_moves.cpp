@@ -4,8 +4,8 @@
 
 #include <cmath>
 
+#include "common/random_draws.h"
 #include "search/annealer.h"
-#include "surface/random_draws.h"
 #include "surface/tracked_surface.h"
 
 namespace sensorlay {

@@ -7,7 +7,7 @@
 #include <cmath>
 #include <iostream>
 
-#include "surface/random_draws.h"
+#include "common/random_draws.h"
 #include "surface/tracked_surface.h"
 
 namespace sensorlay {

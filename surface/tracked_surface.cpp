@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "surface/random_draws.h"
+#include "common/random_draws.h"
 #include "surface/ray_scene.h"
 #include "surface/stl_reader.h"
 

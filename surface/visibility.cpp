@@ -3,8 +3,8 @@
 #include <cmath>
 #include <limits>
 
-#include "surface/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
+#include "surface/visibility.h"
 
 namespace sensorlay {
 

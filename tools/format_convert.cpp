@@ -1,9 +1,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/files.h"
+#include "common/json_io.h"
 #include "device/device_config.h"
-#include "model/json_io.h"
-#include "model/model_file.h"
 #include "tools/tools.h"
 
 namespace sensorlay {

@@ -1,4 +1,4 @@
-#include "tools/imu_transform.h"
+#include "device/rigid_transform.h"
 
 #include <json/json.h>
 #include <Eigen/Geometry>
@@ -10,105 +10,16 @@
 #include <cstring>
 #include <string>
 
-#include "model/json_io.h"
+#include "common/json_io.h"
 #include "tools/tools.h"
 
 namespace sensorlay {
 
 namespace {
 
-// Scales v to unit length; false (and v untouched) when the length is zero or
-// the scaled vector comes out all zeros.
-bool normaliseInPlace(Eigen::Vector3d& v) {
-  const double length = std::sqrt(v.x() * v.x() + v.y() * v.y() + v.z() * v.z());
-  if (length == 0.0) return false;
-  const Eigen::Vector3d unit = v / length;
-  if (unit.x() == 0.0 && unit.y() == 0.0 && unit.z() == 0.0) return false;
-  v = unit;
-  return true;
-}
-
 bool isAllZeros(const Eigen::Vector3d& v) { return v.x() == 0.0 && v.y() == 0.0 && v.z() == 0.0; }
 
 }  // namespace
-
-QuaternionXyzw multiplyQuaternions(const QuaternionXyzw& a, const QuaternionXyzw& b) {
-  const Eigen::Vector3d av = a.head<3>();
-  const Eigen::Vector3d bv = b.head<3>();
-  const double aw = a.w();
-  const double bw = b.w();
-  const Eigen::Vector3d v = aw * bv + bw * av + av.cross(bv);
-  const double w = aw * bw - av.dot(bv);
-  return QuaternionXyzw(v.x(), v.y(), v.z(), w);
-}
-
-QuaternionXyzw rotationBetween(const Eigen::Vector3d& fromIn, const Eigen::Vector3d& toIn) {
-  const Eigen::Vector3d from = fromIn / fromIn.norm();
-  const Eigen::Vector3d to = toIn / toIn.norm();
-  const double d = from.dot(to);
-  if (d >= 1.0) return QuaternionXyzw(0, 0, 0, 1);
-
-  if (d < -0.9999998807907104) {
-    // Opposite vectors: any axis perpendicular to `from` will do; X is tried
-    // first and Y when `from` lies (nearly) along X.
-    Eigen::Vector3d axis(0.0, -from.z(), from.y());
-    if (axis.squaredNorm() < 1.1920928955078125e-07) axis = Eigen::Vector3d(from.z(), 0.0, -from.x());
-    axis /= axis.norm();
-    axis /= axis.norm();
-    // cos(pi / 2) as a 64-bit float, not a rounded zero.
-    return QuaternionXyzw(axis.x(), axis.y(), axis.z(), 6.123233995736766e-17);
-  }
-
-  const Eigen::Vector3d c = from.cross(to);
-  QuaternionXyzw q(c.x(), c.y(), c.z(), 1.0 + d);
-  return q / q.norm();
-}
-
-Eigen::Vector3d rotateByQuaternion(const QuaternionXyzw& q, const Eigen::Vector3d& v) {
-  const Eigen::Vector3d qv = q.head<3>();
-  const Eigen::Vector3d t = qv.cross(v);
-  return v + 2.0 * q.w() * t + 2.0 * qv.cross(t);
-}
-
-Eigen::Vector3d rotatedPlusX(const QuaternionXyzw& q) {
-  const double x = q.x(), y = q.y(), z = q.z(), w = q.w();
-  return Eigen::Vector3d(1.0 - 2.0 * (y * y + z * z), 2.0 * (x * y + z * w), 2.0 * (x * z - y * w));
-}
-
-Eigen::Vector3d rotatedPlusZ(const QuaternionXyzw& q) {
-  const double x = q.x(), y = q.y(), z = q.z(), w = q.w();
-  return Eigen::Vector3d(2.0 * (x * z + y * w), 2.0 * (y * z - x * w), 1.0 - 2.0 * (x * x + y * y));
-}
-
-bool transformFromAxes(RigidTransformD* result, const Eigen::Vector3d& position, const Eigen::Vector3d& plusXIn,
-                       const Eigen::Vector3d& plusZIn) {
-  Eigen::Vector3d plusX = plusXIn;
-  Eigen::Vector3d plusZ = plusZIn;
-  if (!normaliseInPlace(plusX) || !normaliseInPlace(plusZ)) return false;
-  if (std::fabs(plusX.dot(plusZ)) > 0.001) return false;
-
-  // Turn the given frame back onto the reference axes, Z first and then X
-  // about Z; the inverse of that turn is the frame's rotation.
-  const QuaternionXyzw q1 = rotationBetween(plusZ, Eigen::Vector3d(0, 0, 1));
-  const Eigen::Vector3d v = rotateByQuaternion(q1, plusX);
-  const double planarLength = std::sqrt(v.x() * v.x() + v.y() * v.y());
-  if (planarLength == 0.0) return false;
-  const Eigen::Vector3d planar(v.x() / planarLength, v.y() / planarLength, 0.0);
-  const QuaternionXyzw q2 = rotationBetween(planar, Eigen::Vector3d(1, 0, 0));
-
-  QuaternionXyzw q = multiplyQuaternions(q2, q1);
-  q.head<3>() = -q.head<3>();
-  // Rounding leaves terms like 6e-17 where the exact answer is 0; files and
-  // comparisons read better with a clean zero.
-  for (int i = 0; i < 4; ++i)
-    if (std::fabs(q[i]) < 1e-10) q[i] = 0.0;
-
-  if (result != nullptr) {
-    result->rotation = q;
-    result->translation = position;
-  }
-  return true;
-}
 
 void writeImuTemplate() {
   std::fputs(

@@ -1,21 +1,11 @@
 #include "tools/version.h"
 
-#include <unistd.h>
-
 #include <cstdio>
-#include <vector>
 
+#include "common/files.h"
 #include "tools/tools.h"
 
 namespace sensorlay {
-
-std::string Path_GetExecutablePath() {
-  // Wide enough for any path the kernel hands back.
-  std::vector<char> buffer(32767);
-  const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
-  if (length <= 0 || static_cast<size_t>(length) >= buffer.size()) return std::string();
-  return std::string(buffer.data(), static_cast<size_t>(length));
-}
 
 bool lookUpVersionInformation(const std::string& executablePath, const std::string& storedName,
                               const std::string& storedVersion, std::string& errorText, std::string* internalName,

@@ -5,9 +5,6 @@
 
 namespace sensorlay {
 
-// The running executable's path, from /proc/self/exe; empty on failure.
-std::string Path_GetExecutablePath();
-
 // The internal name and the file version with its full stops taken out
 // (1.2.3.4 -> 1234). On false `errorText` holds an "ERROR:  ..." line. Either
 // result pointer may be null; the lookup still runs.

@@ -12,8 +12,8 @@
 #include <string>
 
 #include "app/modes.h"
-#include "model/json_io.h"
-#include "model/model_file.h"
+#include "common/json_io.h"
+#include "device/model_loading.h"
 #include "model/scad_writer.h"
 #include "surface/tracked_surface.h"
 #include "tests/support/meshes.h"
@@ -41,8 +41,9 @@ std::string firstLine(const std::string& text) { return text.substr(0, text.find
 // search's settings: 30 orientations, the incidence bound less its margin.
 std::string recomputedScore(const std::string& modelPath, const std::string& surfacePath,
                             const std::vector<std::string>& obstaclePaths = {}) {
-  auto model = loadSensorModel(modelPath);
-  if (!model) return "unreadable model";
+  auto loaded = loadSensorModel(modelPath);
+  if (!loaded) return "unreadable model";
+  std::unique_ptr<SensorModel>& model = *loaded;
   TrackedSurface surface(surfacePath, obstaclePaths);
   model->cosMaxIncidence = std::cos((60.0 - std::asin(1.9 / std::sqrt(30.0))) * 0.017453292519943295);
   std::ostringstream text;
@@ -74,8 +75,9 @@ TEST(DesignRun, EightSensorsAroundFiveFixedOnes) {
   const std::string modelText = testing::readFile(dir.file("out.json"));
   const std::string score = recomputedScore(dir.file("out.json"), dir.file("box.stl"));
   EXPECT_EQ(firstLine(modelText), "// Final Quality Score: " + score + " / 1000 (lower is better)");
-  Constellation designed;
-  ASSERT_TRUE(readModelFile(dir.file("out.json"), designed));
+  const Result<Constellation> read = readModelFile(dir.file("out.json"));
+  ASSERT_TRUE(read.ok()) << read.message();
+  const Constellation& designed = *read;
   EXPECT_EQ(designed.channelMap, (std::vector<int32_t>{0, 1, 2, 3, 4, 5, 6, 7}));
   for (size_t i = 0; i < 5; ++i) EXPECT_EQ(designed.modelPoints[i], fixed.modelPoints[i]) << i;
 
@@ -136,8 +138,9 @@ int designInProcess(const std::string& folder) {
   options.nIterations = 1;
   options.outModelPath = folder + "/m.json";
   const std::unique_ptr<SensorModel> designed = runDesign(options, surface, nullptr);
-  Constellation written;
-  if (!designed || !readModelFile(folder + "/m.json", written)) return 1;
+  const Result<Constellation> read = readModelFile(folder + "/m.json");
+  if (!designed || !read) return 1;
+  const Constellation& written = *read;
   for (size_t i = 0; i < 5; ++i)
     if (designed->channels[i] != static_cast<int32_t>(i) ||
         designed->points[i] != written.modelPoints[i].cast<double>())

@@ -8,7 +8,7 @@
 #include <random>
 
 #include "device/device_config.h"
-#include "model/model_file.h"
+#include "device/model_loading.h"
 #include "tests/support/device_files.h"
 
 namespace sensorlay {
@@ -129,28 +129,24 @@ TEST(DeviceRobustness, HugeAndDeep) {
 }
 
 TEST(DeviceModel, ModelSectionOfADeviceFile) {
-  Constellation model;
-  ASSERT_TRUE(readDeviceFormModel("visor.json", richDeviceJson(), model));
-  EXPECT_TRUE(model.valid);
-  EXPECT_EQ(model.modelCad, "visor.stl");
-  ASSERT_EQ(model.modelNormals.size(), 2u);
-  EXPECT_EQ(model.modelNormals[1], Eigen::Vector3f(0, 0, 1));
+  Result<Constellation> model = readDeviceFormModel({"visor.json", richDeviceJson()});
+  ASSERT_TRUE(model.ok()) << model.message();
+  EXPECT_TRUE(model->valid);
+  EXPECT_EQ(model->modelCad, "visor.stl");
+  ASSERT_EQ(model->modelNormals.size(), 2u);
+  EXPECT_EQ(model->modelNormals[1], Eigen::Vector3f(0, 0, 1));
 
   // The key only in a comment: a device of no class, and no sensors.
-  model.channelMap = {5};
-  ASSERT_TRUE(readDeviceFormModel("m.json", "// \"beaconet_config\"\n{ \"channelMap\": [1] }", model));
-  EXPECT_FALSE(model.valid);
-  EXPECT_TRUE(model.channelMap.empty());
+  model = readDeviceFormModel({"m.json", "// \"beaconet_config\"\n{ \"channelMap\": [1] }"});
+  ASSERT_TRUE(model.ok());
+  EXPECT_FALSE(model->valid);
+  EXPECT_TRUE(model->channelMap.empty());
 
   // A headset without a display is refused, though its sensors are fine.
-  model.channelMap = {5};
-  ::testing::internal::CaptureStderr();
-  EXPECT_FALSE(readDeviceFormModel(
-      "h.json",
-      R"({ "device_class": "hmd", "beaconet_config": { "channelMap": [], "modelPoints": [], "modelNormals": [] } })",
-      model));
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "couldn't read h.json: missing values from \"device\" section\n");
-  EXPECT_EQ(model.channelMap, std::vector<int32_t>{5});
+  model = readDeviceFormModel(
+      {"h.json",
+       R"({ "device_class": "hmd", "beaconet_config": { "channelMap": [], "modelPoints": [], "modelNormals": [] } })"});
+  EXPECT_EQ(model.message(), "couldn't read h.json: missing values from \"device\" section");
 }
 
 }  // namespace

@@ -6,12 +6,11 @@
 #include <cmath>
 #include <vector>
 
-#include "tests/support/quality_fixtures.h"
+#include "tests/support/sensor_models.h"
 
 namespace sensorlay {
 namespace {
 
-using testing::attach;
 using testing::makeSensorModel;
 
 constexpr double kHalfPi = 1.5707963267948966;
@@ -20,11 +19,11 @@ const std::vector<Eigen::Vector3f> kUp(4, Eigen::Vector3f(0, 0, 1));
 TEST(SweepModel, TwoSweepAnglesCentreAndSigns) {
   // 2 m in front of the station: one sensor straight ahead, one to +x, one to +y.
   auto model = makeSensorModel({{0, 0, 0}, {0.1f, 0, 0}, {0, 0.1f, 0}}, {kUp.begin(), kUp.begin() + 3});
-  CoverageEvaluator evaluator;
-  attach(evaluator, model.get());
+  const StationConfig station;
+  const auto set = makeObservationSet(model.get(), nullptr, station);
   const double pose[6] = {0, 0, -2, 0, 0, 0};
   double angles[6];
-  ASSERT_TRUE(differentiateObservations(*evaluator.observations, pose, 6, angles, nullptr));
+  ASSERT_TRUE(differentiateObservations(*set, pose, 6, angles, nullptr));
   const double expected[6] = {kHalfPi, kHalfPi, std::atan2(2.0, model->points[1].x()),
                               kHalfPi, kHalfPi, std::atan2(2.0, -model->points[2].y())};
   for (int r = 0; r < 6; ++r) EXPECT_EQ(angles[r], expected[r]) << r;
@@ -38,17 +37,17 @@ TEST(SweepModel, JacobianMatchesCentralDifferences) {
   for (const std::array<double, 6>& pose :
        {std::array<double, 6>{0.12, -0.07, -1.8, 0.3, -0.5, 0.2}, std::array<double, 6>{0.1, 0.2, -2, 0, 0, 0}}) {
     for (int32_t stationKind : {0, 7, 11}) {
-      CoverageEvaluator evaluator;
-      evaluator.stationConfig.stationKind = stationKind;
-      attach(evaluator, model.get());
+      StationConfig station;
+      station.stationKind = stationKind;
+      const auto set = makeObservationSet(model.get(), nullptr, station);
       double angles[8], jacobian[48], up[8], down[8];
-      ASSERT_TRUE(differentiateObservations(*evaluator.observations, pose.data(), 8, angles, jacobian));
+      ASSERT_TRUE(differentiateObservations(*set, pose.data(), 8, angles, jacobian));
       for (int c = 0; c < 6; ++c) {
         std::array<double, 6> plus = pose, minus = pose;
         plus[c] += 1e-6;
         minus[c] -= 1e-6;
-        ASSERT_TRUE(evaluateObservations<double>(*evaluator.observations, plus.data(), up));
-        ASSERT_TRUE(evaluateObservations<double>(*evaluator.observations, minus.data(), down));
+        ASSERT_TRUE(evaluateObservations<double>(*set, plus.data(), up));
+        ASSERT_TRUE(evaluateObservations<double>(*set, minus.data(), down));
         for (int r = 0; r < 8; ++r)
           EXPECT_NEAR(jacobian[r * 6 + c], (up[r] - down[r]) / 2e-6, 1e-6) << stationKind << " " << r << " " << c;
       }
@@ -60,11 +59,11 @@ TEST(SweepModel, TiltedRotorRowsAndTheirReach) {
   // Second sensor straight above the station (x = z = 0 there), third beyond
   // the tilted plane's reach.
   auto model = makeSensorModel({{0.1f, 0.2f, 0}, {0, 0.5f, 2}, {0.1f, 4, 0}}, {kUp.begin(), kUp.begin() + 3});
-  CoverageEvaluator evaluator;
-  evaluator.stationConfig.stationKind = 7;
-  evaluator.stationConfig.tiltRadians = 0.0;
-  attach(evaluator, model.get());
-  SweepObservationSet& set = *evaluator.observations;
+  StationConfig station;
+  station.stationKind = 7;
+  station.tiltRadians = 0.0;
+  const auto observations = makeObservationSet(model.get(), nullptr, station);
+  SweepObservationSet& set = *observations;
   const double pose[6] = {0, 0, -2, 0, 0, 0};
   double angles[6] = {}, jacobian[36] = {};
 
@@ -72,8 +71,8 @@ TEST(SweepModel, TiltedRotorRowsAndTheirReach) {
   set.visibleNow = {true, false, false};
   ASSERT_TRUE(differentiateObservations(set, pose, 2, angles, jacobian));
   EXPECT_NEAR(angles[1] - angles[0], 2.0943951023931953, 1e-15);
-  // The tilt is read through the evaluator: no rebuild.
-  evaluator.stationConfig.tiltRadians = 0.5;
+  // The tilt is read through the station: no rebuild.
+  station.tiltRadians = 0.5;
   ASSERT_TRUE(differentiateObservations(set, pose, 2, angles, jacobian));
   const Eigen::Vector3d X = model->points[0] + Eigen::Vector3d(0, 0, -2);
   const double B = std::asin(std::tan(0.5) * X.y() / std::hypot(X.x(), X.z()));
@@ -93,9 +92,9 @@ TEST(SweepModel, TiltedRotorRowsAndTheirReach) {
 
 TEST(SweepModel, RowCountMustMatchTheVisibleSensors) {
   auto model = testing::makeSphereSensors(40, 0.08f);
-  CoverageEvaluator evaluator;
-  attach(evaluator, model.get());
-  SweepObservationSet& set = *evaluator.observations;
+  const StationConfig station;
+  const auto observations = makeObservationSet(model.get(), nullptr, station);
+  SweepObservationSet& set = *observations;
   const double pose[6] = {0, 0, -2, 0.1, 0.2, 0.3};
   double angles[80] = {}, jacobian[480];
   set.visibleNow.assign(40, false);

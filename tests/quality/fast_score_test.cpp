@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "observation/sweep_model.h"
-#include "surface/coverage_evaluator.h"
+#include "quality/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
 #include "tests/support/score_runs.h"
 

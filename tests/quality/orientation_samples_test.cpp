@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "surface/coverage_evaluator.h"
+#include "quality/coverage_evaluator.h"
 #include "tests/support/run_binary.h"
 
 namespace sensorlay {

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "surface/coverage_evaluator.h"
+#include "quality/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
 #include "tests/support/allocation_counter.h"
 #include "tests/support/meshes.h"

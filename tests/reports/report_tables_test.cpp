@@ -7,7 +7,7 @@
 #include <memory>
 #include <sstream>
 
-#include "surface/coverage_evaluator.h"
+#include "quality/coverage_evaluator.h"
 #include "tests/support/quality_fixtures.h"
 
 namespace sensorlay {

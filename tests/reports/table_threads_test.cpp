@@ -15,9 +15,9 @@
 #include <sstream>
 #include <string>
 
-#include "surface/coverage_evaluator.h"
+#include "common/worker_pool.h"
+#include "quality/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
-#include "surface/worker_pool.h"
 #include "tests/support/allocation_counter.h"
 #include "tests/support/quality_fixtures.h"
 #include "tests/support/surface_fixtures.h"

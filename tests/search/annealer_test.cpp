@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "surface/random_draws.h"
+#include "common/random_draws.h"
 #include "surface/tracked_surface.h"
 #include "tests/support/score_runs.h"
 #include "tests/support/surface_fixtures.h"

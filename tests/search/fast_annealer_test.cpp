@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "common/worker_pool.h"
 #include "quality/fast_score.h"
 #include "search/annealer.h"
 #include "surface/tracked_surface.h"
-#include "surface/worker_pool.h"
 #include "tests/support/allocation_counter.h"
 #include "tests/support/score_runs.h"
 

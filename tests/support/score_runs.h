@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "surface/worker_pool.h"
+#include "common/worker_pool.h"
 #include "tests/support/quality_fixtures.h"
 
 namespace sensorlay::testing {

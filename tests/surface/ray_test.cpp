@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "surface/coverage_evaluator.h"
+#include "surface/visibility.h"
 #include "tests/support/allocation_counter.h"
 #include "tests/support/surface_fixtures.h"
 

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "common/files.h"
+
 namespace sensorlay {
 namespace {
 

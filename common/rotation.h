@@ -1,6 +1,7 @@
 #pragma once
-// Turning a rotation matrix into a unit quaternion, shared by the orientation
-// samples of the score and the direction grid of the report tables.
+// Rotation helpers shared by the layers: a rotation matrix to a quaternion
+// (the orientation samples and the report grid), and the quaternion algebra in
+// the x, y, z, w order of the device files (the IMU tool and the device poses).
 
 #include <Eigen/Core>
 
@@ -49,5 +50,21 @@ inline void quaternionFromRotationMatrix(const Eigen::Matrix3d& m, double q[4]) 
   q[2] = sign * y;
   q[3] = sign * z;
 }
+
+// Quaternions here are x, y, z, w.
+using QuaternionXyzw = Eigen::Vector4d;
+
+// The shortest-arc rotation carrying `from` onto `to`.
+QuaternionXyzw rotationBetween(const Eigen::Vector3d& from, const Eigen::Vector3d& to);
+
+// v rotated by q, for a unit q; q is not normalised first.
+Eigen::Vector3d rotateByQuaternion(const QuaternionXyzw& q, const Eigen::Vector3d& v);
+
+// The Hamilton product a times b.
+QuaternionXyzw multiplyQuaternions(const QuaternionXyzw& a, const QuaternionXyzw& b);
+
+// The first and third columns of q's rotation matrix: where +X and +Z go.
+Eigen::Vector3d rotatedPlusX(const QuaternionXyzw& q);
+Eigen::Vector3d rotatedPlusZ(const QuaternionXyzw& q);
 
 }  // namespace sensorlay

@@ -1,4 +1,4 @@
-#include "surface/worker_pool.h"
+#include "common/worker_pool.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>

@@ -1,9 +1,11 @@
 #pragma once
-// Rigid transforms made from CAD vectors: a position and the directions of a
-// frame's +X and +Z axes. The IMU tool prints them; device files store poses
-// in the same form.
+// Rigid transforms as device files store them, and their making from CAD
+// vectors: a position and the directions of a frame's +X and +Z axes (the IMU
+// tool prints one).
 
 #include <Eigen/Core>
+
+#include "common/rotation.h"
 
 namespace sensorlay {
 
@@ -32,27 +34,11 @@ struct RigidTransformOf {
 using RigidTransform = RigidTransformOf<float>;
 using RigidTransformD = RigidTransformOf<double>;
 
-// Quaternions here are x, y, z, w.
-using QuaternionXyzw = Eigen::Vector4d;
-
 // The rotation whose X axis lands on plusX and Z axis on plusZ, with
 // `position` as the translation. False when either axis is zero or the two
 // are more than 0.001 (in cosine) away from a right angle; `result` is then
 // untouched. `result` may be null.
 bool transformFromAxes(RigidTransformD* result, const Eigen::Vector3d& position, const Eigen::Vector3d& plusX,
                        const Eigen::Vector3d& plusZ);
-
-// The shortest-arc rotation carrying `from` onto `to`.
-QuaternionXyzw rotationBetween(const Eigen::Vector3d& from, const Eigen::Vector3d& to);
-
-// v rotated by q, for a unit q; q is not normalised first.
-Eigen::Vector3d rotateByQuaternion(const QuaternionXyzw& q, const Eigen::Vector3d& v);
-
-// The Hamilton product a times b.
-QuaternionXyzw multiplyQuaternions(const QuaternionXyzw& a, const QuaternionXyzw& b);
-
-// The first and third columns of q's rotation matrix: where +X and +Z go.
-Eigen::Vector3d rotatedPlusX(const QuaternionXyzw& q);
-Eigen::Vector3d rotatedPlusZ(const QuaternionXyzw& q);
 
 }  // namespace sensorlay

@@ -1,4 +1,4 @@
-#include "model/json_io.h"
+#include "common/json_io.h"
 
 #include <json/json.h>
 

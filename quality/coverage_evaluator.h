@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "model/constellation.h"
+#include "observation/sweep_model.h"
 
 namespace sensorlay {
 
@@ -27,39 +28,6 @@ struct OrientationSample {
   double direction[3] = {0.0, 0.0, 1.0};
   double weight = 1.0;
 };
-
-struct StationConfig {
-  int32_t stationKind = 0;
-  double tiltRadians = 0.5;
-};
-
-struct SensorSweep {
-  const SensorModel* model = nullptr;
-  int32_t sensorIndex = 0;
-  const StationConfig* stationConfig = nullptr;
-  int32_t sweepKind = 1;
-};
-
-struct SensorVisibilityTest {
-  const SensorModel* model = nullptr;
-  int32_t sensorIndex = 0;
-  const TrackedSurface* surface = nullptr;
-};
-
-struct SweepObservationSet {
-  std::vector<SensorSweep> sensorSweeps;
-  std::vector<SensorVisibilityTest> visibilityTests;
-  std::vector<bool> visibleNow;
-  std::vector<bool> everVisible;
-  const TrackedSurface* surface = nullptr;
-};
-
-// The sweep kind that a base-station kind code maps to.
-int32_t sweepKindForStation(int32_t stationKind);
-
-// True when the sensor is within the incidence limit at the pose (translation,
-// then quaternion w, x, y, z) and, with a surface, not occluded.
-bool isSensorVisible(const SensorVisibilityTest& test, const double pose[7]);
 
 class CoverageEvaluator {
  public:

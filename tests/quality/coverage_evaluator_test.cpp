@@ -1,4 +1,4 @@
-#include "surface/coverage_evaluator.h"
+#include "quality/coverage_evaluator.h"
 
 #include <gtest/gtest.h>
 

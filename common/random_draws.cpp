@@ -1,4 +1,4 @@
-#include "surface/random_draws.h"
+#include "common/random_draws.h"
 
 #include <unistd.h>
 

@@ -1,1 +1,0 @@
-// Placeholder translation unit for a folder without sources.

@@ -1,0 +1,131 @@
+#include "common/files.h"
+
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+#include <vector>
+
+namespace sensorlay {
+
+namespace {
+
+std::string workingDirectory() {
+  std::vector<char> buffer(32767);
+  if (getcwd(buffer.data(), buffer.size()) == nullptr) return std::string();
+  return std::string(buffer.data());
+}
+
+// The path without trailing slashes; "/" stays "/".
+std::string trimTrailingSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+// One component up: "/a/b" -> "/a", "/a" -> "/", "a" -> "". Empty once the
+// walk has passed the top.
+std::string parentPath(const std::string& path) {
+  if (path == "/") return std::string();
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return std::string();
+  if (slash == 0) return "/";
+  return trimTrailingSlashes(path.substr(0, slash));
+}
+
+std::string lastComponent(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+bool entryExists(const std::string& path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0;
+}
+
+}  // namespace
+
+std::string readTextFile(const std::string& path) {
+  std::string text;
+  FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) return text;
+  // Only a regular file has a length worth trusting: a directory or a device
+  // would report nonsense or block.
+  struct stat info;
+  if (fstat(fileno(file), &info) != 0 || !S_ISREG(info.st_mode) || std::fseek(file, 0, SEEK_END) != 0) {
+    std::fclose(file);
+    return text;
+  }
+  const long length = std::ftell(file);
+  if (length <= 0 || std::fseek(file, 0, SEEK_SET) != 0) {
+    std::fclose(file);
+    return text;
+  }
+  try {
+    text.resize(static_cast<size_t>(length));
+  } catch (const std::exception&) {
+    std::fclose(file);
+    return std::string();
+  }
+  const size_t got = std::fread(text.data(), 1, text.size(), file);
+  std::fclose(file);
+  if (got != text.size()) return std::string();
+
+  // CR LF becomes LF: the line feed takes the carriage return's place.
+  size_t out = 0;
+  for (size_t in = 0; in < text.size(); ++in) {
+    if (in > 0 && text[in] == '\n' && text[in - 1] == '\r')
+      text[out - 1] = '\n';
+    else
+      text[out++] = text[in];
+  }
+  text.resize(out);
+  return text;
+}
+
+std::string Path_GetExecutablePath() {
+  // Wide enough for any path the kernel hands back.
+  std::vector<char> buffer(32767);
+  const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
+  if (length <= 0 || static_cast<size_t>(length) >= buffer.size()) return std::string();
+  return std::string(buffer.data(), static_cast<size_t>(length));
+}
+
+std::string joinPath(const std::string& a, const std::string& b, char separator) {
+  if (a.empty()) return b;
+  std::string head = a;
+  if (head.back() == '/' || head.back() == '\\') head.pop_back();
+  return head + separator + b;
+}
+
+std::string findAncestorNamed(const std::string& start, const std::string& name) {
+  if (start.empty()) return std::string();
+  for (std::string dir = trimTrailingSlashes(start); !dir.empty(); dir = parentPath(dir))
+    if (strcasecmp(lastComponent(dir).c_str(), name.c_str()) == 0) return dir;
+  return std::string();
+}
+
+std::string findEntryUpwards(const std::string& start, const std::string& name) {
+  for (std::string dir = trimTrailingSlashes(start); !dir.empty(); dir = parentPath(dir)) {
+    const std::string candidate = joinPath(dir, name);
+    if (entryExists(candidate)) return candidate;
+  }
+  return std::string();
+}
+
+std::string findResourceRoot() {
+  const std::string cwd = workingDirectory();
+  std::string found = findAncestorNamed(cwd, "tessmain");
+  if (found.empty()) found = findAncestorNamed(cwd, "tessruntime");
+  if (found.empty()) found = findEntryUpwards(Path_GetExecutablePath(), "runtime");
+  const std::string driver = findEntryUpwards(cwd, "tessdriver");
+  if (!driver.empty()) return driver;
+  return joinPath(joinPath(found, "drivers"), "tessdriver");
+}
+
+std::string readResourceFile(const std::string& relativePath) {
+  return readTextFile(joinPath(findResourceRoot(), relativePath));
+}
+
+}  // namespace sensorlay

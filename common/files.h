@@ -1,0 +1,27 @@
+#pragma once
+// Files and paths: whole-file reads, path joins, the walks up a directory
+// tree, the running executable and the folder that bare model names live in.
+
+#include <string>
+
+namespace sensorlay {
+
+// The whole file with CR LF collapsed to LF; empty on any failure.
+std::string readTextFile(const std::string& path);
+std::string joinPath(const std::string& a, const std::string& b, char separator = '/');
+
+// The running executable's path, from /proc/self/exe; empty on failure.
+std::string Path_GetExecutablePath();
+
+// The first of `start` and its ancestors whose last component is `name`,
+// compared without regard to case; empty when there is none.
+std::string findAncestorNamed(const std::string& start, const std::string& name);
+// `name` joined to the first of `start` and its ancestors that holds an entry
+// of that name; empty when the walk runs out.
+std::string findEntryUpwards(const std::string& start, const std::string& name);
+
+// The folder under which bare model names are looked up (cfg/hmd/<name>.json).
+std::string findResourceRoot();
+std::string readResourceFile(const std::string& relativePath);
+
+}  // namespace sensorlay
