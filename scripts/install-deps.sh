@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   openscad gnuplot-nox
   clang-format
+  parallel slurm-wlm munge
 )
 
 missing=()
@@ -24,5 +25,18 @@ echo "installing: ${missing[*]}"
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
+
+# munge and Slurm ask to start their system daemons when installed; the tests
+# start private ones of their own and need none. Debian's policy-rc.d hook
+# refuses those starts for the duration of this install (a container's own
+# hook, when it has one, is left as it is).
+policy=/usr/sbin/policy-rc.d
+if [ ! -e "$policy" ]; then
+  printf '#!/bin/sh\n# Refuses service starts while scripts/install-deps.sh installs packages.\nexit 101\n' |
+    $SUDO tee "$policy" >/dev/null
+  $SUDO chmod 755 "$policy"
+  trap '$SUDO rm -f "$policy"' EXIT
+fi
+
 $SUDO apt-get update -qq
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
