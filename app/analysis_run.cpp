@@ -1,7 +1,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 
 #include "app/modes.h"
@@ -25,8 +24,7 @@ double toRadians(double degrees) { return degrees * kDegreeFraction * kPi; }
 
 }  // namespace
 
-int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface* surface,
-                CoverageEvaluator& evaluator) {
+int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface* surface, WorkerPool& pool) {
   // The tables hold two angle rows per visible sensor in a 64-row matrix and
   // one mask entry per channel below 32; a model beyond that is refused
   // before anything is printed rather than reported on in part.
@@ -55,6 +53,7 @@ int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface
   // margin belongs to the search only.
   model.cosMaxIncidence = std::cos(toRadians(options.maxIncidenceAngle));
 
+  CoverageEvaluator evaluator;
   evaluator.model = &model;
   evaluator.rebuildObservations();
   // Without a surface nothing occludes: only the incidence limit applies.
@@ -66,14 +65,18 @@ int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface
     evaluator.rebuildObservations();
   }
 
-  evaluator.buildReportGrid(kFullTurn, step);
+  evaluator.samples = buildReportGrid(kFullTurn, step);
   // The sign of the distance is ignored: the device always stands in front.
   evaluator.pose[2] = -std::fabs(options.distanceBaseMeters);
 
-  if (options.baseStationSensitivity)
-    evaluator.printSensitivityTable();
-  else
-    evaluator.printCoverageTable();
+  const Result<std::vector<int32_t>> unseen = options.baseStationSensitivity
+                                                  ? printSensitivityTable(evaluator, pool, stdout)
+                                                  : printCoverageTable(evaluator, pool, stdout);
+  if (!unseen) {
+    std::cerr << unseen.message() << std::endl;
+    return 1;
+  }
+  for (int32_t channel : *unseen) std::cerr << "did not see sensor id " << channel << std::endl;
   // A table cut short by a full disk must not pass for a whole one.
   if (std::ferror(stdout)) {
     std::cerr << "The table could not be written in full to the standard output stream." << std::endl;
@@ -99,13 +102,7 @@ int convertModelToScad(const DesignOptions& options, TrackedSurface* surface) {
   else
     script = writeScad(constellation, std::string(), std::vector<std::string>(), 1.0, options.withScadNormals, true);
 
-  // A path that cannot be opened loses the script without a word, as every
-  // output of the program does; a script cut short after opening is reported.
-  std::ofstream file(options.outScadPath, std::ios::out | std::ios::trunc | std::ios::binary);
-  if (!file.is_open()) return 0;
-  file << "/* From " << options.modelPath << "*/\n\n" << script;
-  file.close();
-  if (file.fail()) {
+  if (!writeOutputFile(options.outScadPath, "/* From " + options.modelPath + "*/\n\n" + script)) {
     std::cerr << "Could not write the whole script to " << options.outScadPath << "." << std::endl;
     return 1;
   }

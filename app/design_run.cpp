@@ -1,10 +1,4 @@
-#include <sys/resource.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <cmath>
-#include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <locale>
 #include <sstream>
@@ -21,24 +15,6 @@ namespace sensorlay {
 
 namespace {
 
-// The search takes minutes to hours; it should not slow the machine's
-// interactive work. Only this thread is lowered, and failure is harmless.
-void lowerThreadPriority() {
-  const id_t thread = static_cast<id_t>(syscall(SYS_gettid));
-  (void)setpriority(PRIO_PROCESS, thread, 19);
-}
-
-// Writes the whole text in one go. A path that cannot be opened loses the
-// output without a word, as every output file of the program does; false
-// when the file was opened but could not be written in full.
-bool writeWholeFile(const std::string& path, const std::string& text) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  if (!file.is_open()) return true;
-  file.write(text.data(), static_cast<std::streamsize>(text.size()));
-  file.close();
-  return !file.fail();
-}
-
 std::ostringstream makeTextStream() {
   std::ostringstream stream;
   stream.imbue(std::locale::classic());
@@ -48,11 +24,11 @@ std::ostringstream makeTextStream() {
 }  // namespace
 
 std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurface& surface,
-                                       const SensorModel* immutableModel) {
-  lowerThreadPriority();
+                                       const SensorModel* immutableModel, WorkerPool& pool) {
   surface.setMaxSurfaceAngle(options.maxSurfaceAngle);
 
-  AnnealerOptions annealerOptions(surface, options.nSensors);
+  AnnealerOptions annealerOptions(surface, options.nSensors, pool);
+  annealerOptions.progress = &std::cerr;
   annealerOptions.immutableModel = immutableModel;
   annealerOptions.coolingRate = options.coolingRate;
   annealerOptions.nIterations = options.nIterations;
@@ -81,7 +57,7 @@ std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurf
            << json << "*/\n\n"
            << writeScad(result, surface.getSensorsPath(), surface.getObstaclePaths(), surface.getScale(),
                         options.withScadNormals, true);
-    if (!writeWholeFile(options.outScadPath, script.str()))
+    if (!writeOutputFile(options.outScadPath, script.str()))
       cutShort.push_back("Could not write the whole script to " + options.outScadPath + ".");
   }
 
@@ -89,7 +65,7 @@ std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurf
     std::ostringstream modelText = makeTextStream();
     modelText << "// Final Quality Score: " << score << " / " << annealFullScale << " (lower is better)\n"
               << json << "\n";
-    if (!writeWholeFile(options.outModelPath, modelText.str()))
+    if (!writeOutputFile(options.outModelPath, modelText.str()))
       cutShort.push_back("Could not write the whole model file to " + options.outModelPath + ".");
   }
 
@@ -98,7 +74,7 @@ std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurf
   if (!cutShort.empty()) {
     std::cerr << "\n";  // the progress dots end without a line end
     for (const std::string& message : cutShort) std::cerr << message << std::endl;
-    std::exit(1);
+    return nullptr;
   }
 
   return std::make_unique<SensorModel>(result, ModelTransform());

@@ -1,12 +1,16 @@
 #include "app/entry.h"
 
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <memory>
 
 #include "app/modes.h"
 #include "app/options.h"
+#include "common/worker_pool.h"
 #include "device/model_loading.h"
-#include "quality/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
 #include "tools/tools.h"
 
@@ -14,27 +18,22 @@ namespace sensorlay {
 
 namespace {
 
-// The model and the surface are held by pointer by everything that runs after
-// preparation, and the early exits of the modes do not unwind; they are kept
-// here for the life of the process and never released.
-struct ProcessLifetime {
-  SensorModel* loadedModel = nullptr;
-  SensorModel* designedModel = nullptr;
-  TrackedSurface* surface = nullptr;
-};
-ProcessLifetime processLifetime;
+// The search takes minutes to hours; it should not slow the machine's
+// interactive work. Only this thread is lowered, before the worker threads
+// are made, so that they inherit it; failure is harmless.
+void lowerThreadPriority() {
+  const id_t thread = static_cast<id_t>(syscall(SYS_gettid));
+  (void)setpriority(PRIO_PROCESS, thread, 19);
+}
 
 }  // namespace
 
 int runEntry(int argc, char** argv) {
-  // The analysis's evaluator exists before anything else happens and is
-  // destroyed as the last act of a normal return.
-  CoverageEvaluator evaluator;
-
   DesignOptions options;
   bool parseFailed = false;
   bool versionRequested = false;
-  scanOptions(argc, argv, options, parseFailed, versionRequested);
+  if (const std::optional<int> toolStatus = scanOptions(argc, argv, options, parseFailed, versionRequested))
+    return *toolStatus;
 
   // /version wins over a bad switch that follows it; a bad switch before it
   // stopped the scan, so it was never seen.
@@ -45,43 +44,39 @@ int runEntry(int argc, char** argv) {
       return 1;
     case ValidationOutcome::ShowUsage:
       printUsage();
+      return 1;
     case ValidationOutcome::Passed:
       break;
   }
 
-  SensorModel* model = nullptr;
+  std::unique_ptr<SensorModel> model;
   if (!options.modelPath.empty()) {
     Result<std::unique_ptr<SensorModel>> loaded = loadSensorModel(options.modelPath);
     if (!loaded) {
       std::fprintf(stderr, "%s\n", loaded.message().c_str());
       return 1;
     }
-    processLifetime.loadedModel = loaded->release();
-    model = processLifetime.loadedModel;
+    model = std::move(*loaded);
   }
 
-  processLifetime.surface = prepareRun(options, model).release();
-  TrackedSurface* surface = processLifetime.surface;
+  std::unique_ptr<TrackedSurface> surface;
+  if (!prepareRun(options, model.get(), surface)) return 1;
 
   if (model != nullptr && !options.generate && !options.outScadPath.empty())
-    return convertModelToScad(options, surface);
+    return convertModelToScad(options, surface.get());
 
-  if (options.verifyCoverage != 0 || options.generate) {
-    // Both modes require /sensors, and preparation ends the process when the
-    // surface cannot be built.
-    if (surface == nullptr) {
-      std::fprintf(stderr, "no tracked surface was built from %s\n", options.sensorsPath.c_str());
-      return 1;
-    }
-    if (options.verifyCoverage != 0) runVerifyCoverage(options, *surface);
+  // Validation has required /sensors for both of these, and preparation has
+  // built the surface from it.
+  if (options.verifyCoverage != 0) return runVerifyCoverage(options, *surface);
 
+  if (options.generate) lowerThreadPriority();
+  WorkerPool pool(0);
+  if (options.generate) {
     // The designed model takes the place of the immutable one for the analysis.
-    processLifetime.designedModel = runDesign(options, *surface, model).release();
-    model = processLifetime.designedModel;
+    model = runDesign(options, *surface, model.get(), pool);
+    if (model == nullptr) return 1;
   }
-
-  if (model == nullptr) return 1;
-  return runAnalysis(options, *model, surface, evaluator);
+  return runAnalysis(options, *model, surface.get(), pool);
 }
 
 }  // namespace sensorlay

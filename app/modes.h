@@ -1,7 +1,10 @@
 #pragma once
-// The flows that the entry point selects between after preparation.
+// The flows that the entry point selects between after preparation. Each
+// prints its own output and complaints and yields the process status, or what
+// the next flow needs.
 
 #include <memory>
+#include <string>
 
 #include "app/design_options.h"
 #include "model/constellation.h"
@@ -10,24 +13,31 @@ namespace sensorlay {
 
 class TrackedSurface;
 class CoverageEvaluator;
+class WorkerPool;
 
-// Builds the surface when a sensors path is given and holds the model against
-// the options and the surface; ends the process on a misfit.
-std::unique_ptr<TrackedSurface> prepareRun(const DesignOptions& options, const SensorModel* model);
+// Builds the surface into `surface` when a sensors path is given, and holds
+// the model against the options and the surface. False after a complaint.
+bool prepareRun(const DesignOptions& options, const SensorModel* model, std::unique_ptr<TrackedSurface>& surface);
 
-// The design run: searches a placement, writes the script and the model file,
-// and yields the designed model for the analysis that follows.
+// The design run: searches a placement on `pool`, writes the script and the
+// model file, and yields the designed model for the analysis that follows;
+// null after a complaint.
 std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurface& surface,
-                                       const SensorModel* immutableModel);
+                                       const SensorModel* immutableModel, WorkerPool& pool);
 
 // The analysis run: prints the coverage or sensitivity table. Yields the status.
-int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface* surface,
-                CoverageEvaluator& evaluator);
+int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface* surface, WorkerPool& pool);
 
 // The model-to-script conversion. Yields the status.
 int convertModelToScad(const DesignOptions& options, TrackedSurface* surface);
 
-// The surface-fit preview; ends the process.
-[[noreturn]] void runVerifyCoverage(const DesignOptions& options, TrackedSurface& surface);
+// The surface-fit preview. Yields the status.
+int runVerifyCoverage(const DesignOptions& options, TrackedSurface& surface);
+
+// Writes a whole output file; false when it was opened but could not be
+// written in full, and the older file at the path is then kept. A path that
+// cannot be opened loses the output without a word, as every output of the
+// program does.
+bool writeOutputFile(const std::string& path, const std::string& text);
 
 }  // namespace sensorlay

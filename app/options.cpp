@@ -3,7 +3,6 @@
 #include <strings.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <utility>
 
@@ -35,9 +34,9 @@ bool scanDouble(const char* text, double& field) {
   return true;
 }
 
-// /formatconvert reads its format and file and hands over to the conversion,
-// which never comes back here.
-[[noreturn]] void runFormatConvert(const char* formatToken, const char* fileToken) {
+// /formatconvert reads its format and file and runs the conversion; yields
+// the process status.
+int runFormatConvert(const char* formatToken, const char* fileToken) {
   int format = 0;
   std::sscanf(formatToken, "%d", &format);  // a token that is no number means format 0
   if (format < 0 || format > 2) {
@@ -48,27 +47,25 @@ bool scanDouble(const char* text, double& field) {
   if (fileToken == nullptr) {
     std::fprintf(stderr, "/formatconvert %s needs a device file: /formatconvert <jsonformatnumber> <object.json>\n",
                  formatToken);
-    std::exit(1);
+    return 1;
   }
-  convertDeviceFile(fileToken, format);
-  std::exit(0);
+  return convertDeviceFile(fileToken, format);
 }
 
-[[noreturn]] void runImuTool(const char* fileToken) {
-  if (fileToken != nullptr)
-    runImuTransform(fileToken);
-  else
-    writeImuTemplate();
-  std::exit(0);
+int runImuTool(const char* fileToken) {
+  if (fileToken != nullptr) return runImuTransform(fileToken);
+  writeImuTemplate();
+  return 0;
 }
 
 }  // namespace
 
-void scanOptions(int argc, char** argv, DesignOptions& options, bool& parseFailed, bool& versionRequested) {
+std::optional<int> scanOptions(int argc, char** argv, DesignOptions& options, bool& parseFailed,
+                               bool& versionRequested) {
   int remaining = argc - 1;
   int next = 1;
   while (remaining > 0) {
-    if (parseFailed) return;
+    if (parseFailed) return std::nullopt;
     const char* token = argv[next++];
     --remaining;
     if (token[0] != '/') {
@@ -132,9 +129,9 @@ void scanOptions(int argc, char** argv, DesignOptions& options, bool& parseFaile
       if (options.qualityRangeHigh < options.qualityRangeLow)
         std::swap(options.qualityRangeLow, options.qualityRangeHigh);
     } else if (is("/trackref_from_imu", 0)) {
-      runImuTool(remaining > 0 ? argv[next] : nullptr);
+      return runImuTool(remaining > 0 ? argv[next] : nullptr);
     } else if (is("/formatconvert", 1)) {
-      runFormatConvert(argv[next], remaining > 1 ? argv[next + 1] : nullptr);
+      return runFormatConvert(argv[next], remaining > 1 ? argv[next + 1] : nullptr);
     } else if (is("/srbtiltdegrees", 1)) {
       double degrees = 0.0;
       if (scanDouble(takeValue(), degrees))
@@ -150,6 +147,7 @@ void scanOptions(int argc, char** argv, DesignOptions& options, bool& parseFaile
       parseFailed = true;
     }
   }
+  return std::nullopt;
 }
 
 ValidationOutcome validateOptions(const DesignOptions& options, bool parseFailed) {
@@ -212,7 +210,6 @@ void printUsage() {
   // so that a shared terminal shows them in this order.
   std::fflush(stdout);
   std::fputs(usageText(), stderr);
-  std::exit(1);
 }
 
 }  // namespace sensorlay

@@ -1,22 +1,23 @@
 #include <cstdint>
-#include <cstdlib>
 #include <iostream>
 
 #include "app/modes.h"
+#include "common/output_file.h"
 #include "surface/tracked_surface.h"
 
 namespace sensorlay {
 
-std::unique_ptr<TrackedSurface> prepareRun(const DesignOptions& options, const SensorModel* model) {
-  std::unique_ptr<TrackedSurface> surface;
+bool prepareRun(const DesignOptions& options, const SensorModel* model, std::unique_ptr<TrackedSurface>& surface) {
   if (!options.sensorsPath.empty()) {
     surface = std::make_unique<TrackedSurface>(options.sensorsPath, options.obstaclePaths);
     surface->setSensorSize(options.sensorSize);
+    surface->notices = &std::cerr;
     if (surface->faceCount() == 0) {
+      if (!surface->loadProblem.empty()) std::cerr << surface->loadProblem << std::endl;
       std::cerr << "Could not build tracked surface from \"" << options.sensorsPath << "\"";
       for (const std::string& obstacle : options.obstaclePaths) std::cerr << " and \"" << obstacle << "\"";
       std::cerr << std::endl;
-      std::exit(1);
+      return false;
     }
   }
 
@@ -25,12 +26,12 @@ std::unique_ptr<TrackedSurface> prepareRun(const DesignOptions& options, const S
       const int64_t count = static_cast<int64_t>(model->sensorCount());
       if (count > options.nSensors) {
         std::cerr << "Model of immutable sensors has more than /nsensors " << options.nSensors << "!" << std::endl;
-        std::exit(1);
+        return false;
       }
       if (count == options.nSensors) {
         std::cerr << "Model of immutable sensors has the same count as /nsensors " << options.nSensors
                   << ".  Nothing would change!" << std::endl;
-        std::exit(1);
+        return false;
       }
     }
     if (surface) {
@@ -46,10 +47,17 @@ std::unique_ptr<TrackedSurface> prepareRun(const DesignOptions& options, const S
       std::cerr << "WARNING: model does not define any points. "
                    "Confirm channelMap, modelNormals, modelPoints exist in json"
                 << std::endl;
-      std::exit(1);
+      return false;
     }
   }
-  return surface;
+  return true;
+}
+
+bool writeOutputFile(const std::string& path, const std::string& text) {
+  Result<OutputFile> file = OutputFile::open(path);
+  if (!file) return true;
+  file->write(text);
+  return file->commit().ok();
 }
 
 }  // namespace sensorlay

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "bench/bench_scenes.h"
+#include "common/worker_pool.h"
 #include "search/annealer.h"
 #include "surface/tracked_surface.h"
 
@@ -17,6 +18,7 @@ using namespace sensorlay;
 
 struct HeadsetSearch {
   TrackedSurface surface{bench::samplePath("headset.stl"), {bench::samplePath("headset_head.stl")}};
+  WorkerPool pool{0};
   std::unique_ptr<SensorModel> model;
   std::unique_ptr<Annealer> annealer;
 
@@ -24,9 +26,13 @@ struct HeadsetSearch {
     surface.seedGenerator(1);
     model = makeEmptySensorModel(sensors);
     model->cosMaxIncidence = 0.5;
-    AnnealerOptions options(surface, sensors);
+    AnnealerOptions options(surface, sensors, pool);
+    options.nIterations = 3;
+    options.nOrientations = orientations;
+    options.coolingRate = 0.96;
+    options.annealSeed = 2u;
     placeInitialSensors(options, *model);
-    annealer = std::make_unique<Annealer>(*model, surface, "", 3, orientations, 0.96, -1.0, -1.0, 2u);
+    annealer = std::make_unique<Annealer>(*model, options);
   }
 };
 
@@ -61,7 +67,8 @@ BENCHMARK(BM_MoveSensor)->Arg(100000)->Arg(35)->Unit(benchmark::kMicrosecond);
 void BM_PlaceInitialSensors(benchmark::State& state) {
   TrackedSurface surface(bench::samplePath("headset.stl"), {bench::samplePath("headset_head.stl")});
   surface.seedGenerator(1);
-  AnnealerOptions options(surface, 20);
+  WorkerPool pool(1);
+  AnnealerOptions options(surface, 20, pool);
   for (auto _ : state) {
     auto model = makeEmptySensorModel(20);
     placeInitialSensors(options, *model);

@@ -53,16 +53,17 @@ struct Search {
   std::unique_ptr<SensorModel> model;
   std::unique_ptr<Annealer> annealer;
 
-  Search(TrackedSurface& surface, int iterations, double coolingRate) {
+  Search(TrackedSurface& surface, WorkerPool& pool, int iterations, double coolingRate) {
     surface.seedGenerator(kSurfaceSeed);
     model = makeEmptySensorModel(kSensors);
     model->cosMaxIncidence = std::cos(designIncidenceDegrees() * 0.017453292519943295);
-    AnnealerOptions options(surface, kSensors);
+    AnnealerOptions options(surface, kSensors, pool);
+    options.nIterations = iterations;
+    options.nOrientations = kOrientations;
+    options.coolingRate = coolingRate;
+    options.annealSeed = kAnnealSeed;
     placeInitialSensors(options, *model);
-    std::streambuf* saved = std::cerr.rdbuf(nullptr);
-    annealer = std::make_unique<Annealer>(*model, surface, "", iterations, kOrientations, coolingRate, -1.0, -1.0,
-                                          kAnnealSeed);
-    std::cerr.rdbuf(saved);
+    annealer = std::make_unique<Annealer>(*model, options);
   }
 };
 
@@ -82,8 +83,8 @@ void printRows(const std::vector<Row>& rows) {
 
 // Scores: the reference's scorePlacement, and the fast path's score of one
 // trial (a move of one sensor), over the same sequence of moves.
-void scores(TrackedSurface& surface, std::vector<Row>& rows) {
-  Search search(surface, 3, 0.96);
+void scores(TrackedSurface& surface, WorkerPool& pool, std::vector<Row>& rows) {
+  Search search(surface, pool, 3, 0.96);
   Annealer& annealer = *search.annealer;
   CoverageEvaluator& evaluator = annealer.evaluator;
 
@@ -94,7 +95,7 @@ void scores(TrackedSurface& surface, std::vector<Row>& rows) {
     reference = std::min(reference, secondsSince(start) / 10);
   }
 
-  FastScorer scorer(evaluator);
+  FastScorer scorer(evaluator, pool);
   auto start = Clock::now();
   const double fastScore = scorer.scoreAll();
   const double setUp = secondsSince(start);
@@ -145,7 +146,7 @@ void scores(TrackedSurface& surface, std::vector<Row>& rows) {
 
 // A design run of about `trials` trials through each path: the same seeds,
 // the same first placement.
-void designRun(TrackedSurface& surface, int trials, std::vector<Row>& rows) {
+void designRun(TrackedSurface& surface, WorkerPool& pool, int trials, std::vector<Row>& rows) {
   // One trial per sensor per level, and as many levels as give the trials.
   const double levels = std::max(1.0, std::round(static_cast<double>(trials) / kSensors));
   const double rate = std::exp(std::log(annealEndTemperature / annealStartTemperature) / (levels - 0.5));
@@ -155,15 +156,13 @@ void designRun(TrackedSurface& surface, int trials, std::vector<Row>& rows) {
   int32_t count = 0;
   for (int repeat = 0; repeat < 2; ++repeat) {
     for (int path = 0; path < 2; ++path) {
-      Search search(surface, 1, rate);
+      Search search(surface, pool, 1, rate);
       search.annealer->useReferenceScore = path == 0;
       count = 0;
       search.annealer->trialObserver = [&count](int32_t, double, bool) { ++count; };
-      std::streambuf* saved = std::cerr.rdbuf(nullptr);
       const auto start = Clock::now();
       search.annealer->anneal(result[path]);
       seconds[path] = std::min(seconds[path], secondsSince(start));
-      std::cerr.rdbuf(saved);
       score[path] = search.annealer->bestScore;
     }
   }
@@ -177,16 +176,17 @@ void designRun(TrackedSurface& surface, int trials, std::vector<Row>& rows) {
 }
 
 // The analysis table at the default grid, standard output to /dev/null.
-double analysisSeconds(TrackedSurface& surface, SensorModel& model) {
+double analysisSeconds(TrackedSurface& surface, SensorModel& model, WorkerPool& pool) {
   DesignOptions options;
   std::fflush(stdout);
   const int saved = dup(1);
   const int devNull = open("/dev/null", O_WRONLY);
   dup2(devNull, 1);
   close(devNull);
-  CoverageEvaluator evaluator;
+  std::streambuf* savedErr = std::cerr.rdbuf(nullptr);  // the "did not see" lines
   const auto start = Clock::now();
-  runAnalysis(options, model, &surface, evaluator);
+  runAnalysis(options, model, &surface, pool);
+  std::cerr.rdbuf(savedErr);
   std::fflush(stdout);
   const double seconds = secondsSince(start);
   dup2(saved, 1);
@@ -194,14 +194,13 @@ double analysisSeconds(TrackedSurface& surface, SensorModel& model) {
   return seconds;
 }
 
-void analysis(TrackedSurface& surface, std::vector<Row>& rows) {
-  Search search(surface, 3, 0.96);
+void analysis(TrackedSurface& surface, WorkerPool& pool, std::vector<Row>& rows) {
+  Search search(surface, pool, 3, 0.96);
+  WorkerPool single(1);
   double reference = 1e300, fast = 1e300;
   for (int repeat = 0; repeat < 2; ++repeat) {
-    setDefaultThreadCount(1);
-    reference = std::min(reference, analysisSeconds(surface, *search.model));
-    setDefaultThreadCount(0);
-    fast = std::min(fast, analysisSeconds(surface, *search.model));
+    reference = std::min(reference, analysisSeconds(surface, *search.model, single));
+    fast = std::min(fast, analysisSeconds(surface, *search.model, pool));
   }
   rows.push_back({"analysis table, 0.5 degree grid", reference, fast, "s"});
 }
@@ -211,13 +210,14 @@ void analysis(TrackedSurface& surface, std::vector<Row>& rows) {
 int main(int argc, char** argv) {
   const int trials = argc > 1 ? std::max(1, std::atoi(argv[1])) : 1000;
   TrackedSurface surface(bench::samplePath("headset.stl"), {bench::samplePath("headset_head.stl")});
+  WorkerPool pool(0);
   std::printf("headset with head: %u triangles, %d sensors, %d orientations, %.4f degrees incidence, %d threads\n",
-              surface.faceCount(), kSensors, kOrientations, designIncidenceDegrees(), defaultWorkerPool().size());
+              surface.faceCount(), kSensors, kOrientations, designIncidenceDegrees(), pool.size());
 
   std::vector<Row> rows;
-  scores(surface, rows);
-  designRun(surface, trials, rows);
-  analysis(surface, rows);
+  scores(surface, pool, rows);
+  designRun(surface, pool, trials, rows);
+  analysis(surface, pool, rows);
   std::printf("\n");
   printRows(rows);
   return 0;

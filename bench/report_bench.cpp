@@ -29,15 +29,14 @@ using namespace sensorlay::bench;
 
 // Runs with fd 1 on /dev/null, so that the table costs its formatting and its
 // writes but no terminal; the "did not see" lines go nowhere either.
-int runSilently(const DesignOptions& options, BenchScene& scene, bool withSurface) {
+int runSilently(const DesignOptions& options, BenchScene& scene, bool withSurface, WorkerPool& pool) {
   std::fflush(stdout);
   const int saved = dup(1);
   const int devNull = open("/dev/null", O_WRONLY);
   dup2(devNull, 1);
   close(devNull);
   std::streambuf* savedErr = std::cerr.rdbuf(nullptr);
-  CoverageEvaluator evaluator;
-  const int status = runAnalysis(options, *scene.model, withSurface ? scene.surface.get() : nullptr, evaluator);
+  const int status = runAnalysis(options, *scene.model, withSurface ? scene.surface.get() : nullptr, pool);
   std::cerr.rdbuf(savedErr);
   std::fflush(stdout);
   dup2(saved, 1);
@@ -50,15 +49,13 @@ void analysis(benchmark::State& state, BenchScene& scene, bool withSurface, bool
   DesignOptions options;
   options.angleResolutionDegrees = static_cast<double>(state.range(0)) / 10.0;
   options.baseStationSensitivity = sensitivity;
-  setDefaultThreadCount(static_cast<int>(state.range(1)));
-  defaultWorkerPool();  // the threads start outside the timing
-  for (auto _ : state) benchmark::DoNotOptimize(runSilently(options, scene, withSurface));
+  WorkerPool pool(static_cast<int>(state.range(1)));  // the threads start outside the timing
+  for (auto _ : state) benchmark::DoNotOptimize(runSilently(options, scene, withSurface, pool));
   const double step = options.angleResolutionDegrees;
   const double rows = (std::floor(180.0 / step) + 1) * (std::floor(360.0 / step) + 1);
   state.counters["rows/s"] = benchmark::Counter(rows, benchmark::Counter::kIsIterationInvariantRate);
-  state.counters["threads"] = defaultWorkerPool().size();
+  state.counters["threads"] = pool.size();
   if (withSurface) state.counters["triangles"] = static_cast<double>(scene.surface->faceCount());
-  setDefaultThreadCount(0);
 }
 
 // The default grid on one thread and on all, timed by the clock on the wall.

@@ -164,34 +164,4 @@ void WorkerPool::workerLoop(int worker) {
   }
 }
 
-namespace {
-
-struct DefaultPool {
-  std::mutex mutex;
-  int threads = 0;
-  std::unique_ptr<WorkerPool> pool;
-};
-
-// Destroyed at exit, which joins the workers.
-DefaultPool& defaultPool() {
-  static DefaultPool instance;
-  return instance;
-}
-
-}  // namespace
-
-WorkerPool& defaultWorkerPool() {
-  DefaultPool& d = defaultPool();
-  std::lock_guard<std::mutex> lock(d.mutex);
-  if (!d.pool) d.pool = std::make_unique<WorkerPool>(d.threads);
-  return *d.pool;
-}
-
-void setDefaultThreadCount(int threads) {
-  DefaultPool& d = defaultPool();
-  std::lock_guard<std::mutex> lock(d.mutex);
-  d.threads = threads;
-  d.pool.reset();
-}
-
 }  // namespace sensorlay

@@ -1,8 +1,10 @@
 #pragma once
 // A small pool of persistent worker threads for loops whose iterations are
 // independent: the analysis tables and the placement score split their rows
-// or samples over it. Idle workers sleep on a condition variable; the machine
-// is often shared, and threads that spin for work starve the ones that have it.
+// or samples over it. There is no process-wide pool: a program makes the pool
+// it runs on and hands it to the code that runs on it, and a pool of one
+// thread runs everything inline, the reference that tests compare against. Idle workers sleep on a condition variable;
+// the machine is often shared, and threads that spin for work starve the ones that have it.
 
 #include <memory>
 #include <thread>
@@ -66,16 +68,5 @@ class WorkerPool {
   std::unique_ptr<Shared> shared_;
   std::vector<std::thread> workers_;
 };
-
-// The pool that the tables and the score use, made on first use with the
-// count last given to setDefaultThreadCount (0 at start: one per hardware
-// thread).
-WorkerPool& defaultWorkerPool();
-
-// Replaces the default pool by one of `threads` threads (0 or less: one per
-// hardware thread); 1 makes every run inline, the reference that tests and
-// benchmarks compare against. Must not be called while the default pool runs;
-// a reference to the old pool is no longer valid afterwards.
-void setDefaultThreadCount(int threads);
 
 }  // namespace sensorlay

@@ -32,6 +32,14 @@ CoverageEvaluator::CoverageEvaluator() {
 
 CoverageEvaluator::~CoverageEvaluator() = default;
 
+Status CoverageEvaluator::loadQualityMap(const std::string& path) {
+  qualityMap = QualityMap();
+  Result<QualityMap> loaded = QualityMap::load(path);
+  if (!loaded) return loaded.status();
+  qualityMap = std::move(*loaded);
+  return Status();
+}
+
 void CoverageEvaluator::rebuildObservations() {
   observations.reset();
   observations = makeObservationSet(model, surface, stationConfig);

@@ -8,11 +8,14 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "common/result.h"
 #include "model/constellation.h"
 #include "observation/sweep_model.h"
+#include "quality/quality_map.h"
 
 namespace sensorlay {
 
@@ -40,19 +43,16 @@ class CoverageEvaluator {
   // Replaces the observation set from `model`, `surface` and `stationConfig`.
   void rebuildObservations();
 
-  // Orientation samples (quality/orientation_samples.cpp).
-  void sampleOrientations(int32_t count);
-  // Quality map (quality/quality_map.cpp). An empty path means no map.
-  void loadQualityMap(const std::string& path);
-  float qualityAt(double latitude, double longitude) const;
+  // Orientation samples (quality/orientation_samples.cpp), weighted by the
+  // quality map. Yields the factor that rescaled the weights to average 1, or
+  // nothing when they add up to nothing.
+  std::optional<double> sampleOrientations(int32_t count);
+  // Replaces the quality map by the one at `path`; an empty path means no
+  // map, and so does a map that cannot be read, whose complaint comes back.
+  Status loadQualityMap(const std::string& path);
   // Score (quality/score.cpp).
   double scorePlacement();
   void setQualityRange(double low, double high);
-  // Report tables (reports/).
-  void buildReportGrid(double span, double step);
-  void printCoverageTable();
-  void printSensitivityTable();
-
   SensorModel* model = nullptr;
   const TrackedSurface* surface = nullptr;
   std::unique_ptr<SweepObservationSet> observations;
@@ -64,9 +64,7 @@ class CoverageEvaluator {
   StationConfig stationConfig;
   std::vector<OrientationSample> samples;
   double scoreScale = 1.0;
-  std::vector<float> qualityMapPixels;
-  int32_t qualityMapWidth = 0;
-  int32_t qualityMapHeight = 0;
+  QualityMap qualityMap;
   // Buffers that scorePlacement reuses from sample to sample and call to call.
   std::unique_ptr<ScoreScratch> scoreScratch;
 };

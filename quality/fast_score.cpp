@@ -129,7 +129,7 @@ struct FastScorer::TaskCounts {
   uint64_t seen = 0;  // sensors seen in the task's samples
 };
 
-FastScorer::FastScorer(CoverageEvaluator& evaluator) : evaluator_(evaluator) {}
+FastScorer::FastScorer(CoverageEvaluator& evaluator, WorkerPool& pool) : evaluator_(evaluator), pool_(pool) {}
 
 FastScorer::~FastScorer() = default;
 
@@ -150,10 +150,9 @@ int64_t* FastScorer::totalOf(int32_t s, int slot) {
 // the worker pool.
 template <class Task>
 void FastScorer::forEachTask(Task&& task) {
-  WorkerPool& pool = defaultWorkerPool();
-  ensureScratch(pool.size());
+  ensureScratch(pool_.size());
   const int32_t tasks = static_cast<int32_t>(taskCounts_.size());
-  pool.run(tasks, [&](int index, int worker) {
+  pool_.run(tasks, [&](int index, int worker) {
     TaskCounts& counts = taskCounts_[static_cast<size_t>(index)];
     counts = TaskCounts();
     task(index * kSamplesPerTask, std::min(sampleCount_, (index + 1) * kSamplesPerTask), worker, counts);

@@ -22,6 +22,7 @@
 namespace sensorlay {
 
 class CoverageEvaluator;
+class WorkerPool;
 struct ScoreScratch;
 
 // The station-frame rotation R(omega) of a rotation vector, formed the way the
@@ -51,8 +52,9 @@ constexpr double kSharedAngleShare = kSharedAngleVariance / (kAngleVariance + 32
 class FastScorer {
  public:
   // The evaluator must be fully configured (model, surface, samples, curve)
-  // before scoreAll, and must outlive the scorer.
-  explicit FastScorer(CoverageEvaluator& evaluator);
+  // before scoreAll, and must outlive the scorer, as must the pool that the
+  // samples are spread over.
+  FastScorer(CoverageEvaluator& evaluator, WorkerPool& pool);
   ~FastScorer();
   FastScorer(const FastScorer&) = delete;
   FastScorer& operator=(const FastScorer&) = delete;
@@ -111,6 +113,7 @@ class FastScorer {
   void ensureScratch(int workers);
 
   CoverageEvaluator& evaluator_;
+  WorkerPool& pool_;
   bool incremental_ = false;
   int32_t sensorCount_ = 0;
   int32_t sampleCount_ = 0;

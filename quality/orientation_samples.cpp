@@ -1,5 +1,4 @@
 #include <cmath>
-#include <iostream>
 #include <random>
 
 #include "common/random_draws.h"
@@ -48,7 +47,7 @@ void quaternionToRotationVector(const double q[4], double v[3]) {
 
 }  // namespace
 
-void CoverageEvaluator::sampleOrientations(int32_t count) {
+std::optional<double> CoverageEvaluator::sampleOrientations(int32_t count) {
   samples.clear();
   // A fixed seed, and a generator shared with nothing: every run judges
   // placements against the same set, and a smaller set is a prefix of a larger.
@@ -99,20 +98,22 @@ void CoverageEvaluator::sampleOrientations(int32_t count) {
     const double x = sample.direction[0], y = sample.direction[1], z = sample.direction[2];
     sample.latitude = std::atan2(y, std::sqrt(z * z + x * x));
     sample.longitude = std::atan2(x, z);
-    sample.weight = qualityMapPixels.empty() ? 1.0 : static_cast<double>(qualityAt(sample.latitude, sample.longitude));
+    sample.weight = qualityMap.empty() ? 1.0 : static_cast<double>(qualityMap.at(sample.latitude, sample.longitude));
 
     total += sample.weight;
     samples.push_back(sample);
   }
 
+  std::optional<double> normalization;
   if (total > 0.0) {
     // Mean weight 1 over the set, so the score's scale does not depend on how
     // bright the map is.
     const double factor = static_cast<double>(samples.size()) / total;
     for (OrientationSample& sample : samples) sample.weight *= factor;
-    std::cerr << "quality map normalization: " << factor << std::endl;
+    normalization = factor;
   }
   scoreScale = 500.0 / static_cast<double>(samples.size());
+  return normalization;
 }
 
 }  // namespace sensorlay

@@ -2,10 +2,9 @@
 
 #include <cmath>
 #include <cstddef>
-#include <iostream>
 #include <new>
 
-#include "quality/coverage_evaluator.h"
+#include "quality/quality_map.h"
 
 namespace sensorlay {
 
@@ -24,21 +23,21 @@ int32_t nearestIndex(float value, int32_t last) {
   return static_cast<int32_t>(rounded);
 }
 
+Status loadError(const std::string& path, const std::string& reason) {
+  return Status::failure("Error loading quality map image '" + path + "' : " + reason);
+}
+
 }  // namespace
 
-void CoverageEvaluator::loadQualityMap(const std::string& path) {
-  qualityMapWidth = 0;
-  qualityMapHeight = 0;
-  qualityMapPixels.clear();
-  if (path.empty()) return;
+Result<QualityMap> QualityMap::load(const std::string& path) {
+  QualityMap map;
+  if (path.empty()) return map;
 
   int width = 0, height = 0, channels = 0;
   unsigned char* data = stbi_load(path.c_str(), &width, &height, &channels, 1);
   if (data == nullptr) {
     const char* reason = stbi_failure_reason();
-    std::cerr << "Error loading quality map image '" << path << "' : " << (reason != nullptr ? reason : "unknown error")
-              << std::endl;
-    return;
+    return loadError(path, reason != nullptr ? reason : "unknown error");
   }
 
   // The library hands back one grey byte a pixel, but the walk steps by the
@@ -48,37 +47,35 @@ void CoverageEvaluator::loadQualityMap(const std::string& path) {
   const size_t pixelCount = static_cast<size_t>(width) * static_cast<size_t>(height);
   const size_t step = channels > 0 ? static_cast<size_t>(channels) : 1u;
   try {
-    qualityMapPixels.reserve(pixelCount);
+    map.pixels.reserve(pixelCount);
     for (size_t i = 0; i < pixelCount; ++i) {
       const size_t offset = i * step;
       const unsigned char b = offset < pixelCount ? data[offset] : 0;
-      qualityMapPixels.push_back(static_cast<float>(b) * kByteToUnit);
+      map.pixels.push_back(static_cast<float>(b) * kByteToUnit);
     }
   } catch (const std::bad_alloc&) {
     stbi_image_free(data);
-    qualityMapPixels.clear();
-    qualityMapPixels.shrink_to_fit();
-    std::cerr << "Error loading quality map image '" << path << "' : out of memory" << std::endl;
-    return;
+    return loadError(path, "out of memory");
   }
-  qualityMapWidth = width;
-  qualityMapHeight = height;
+  map.width = width;
+  map.height = height;
   stbi_image_free(data);
+  return map;
 }
 
-float CoverageEvaluator::qualityAt(double latitude, double longitude) const {
+float QualityMap::at(double latitude, double longitude) const {
   // Without a map every direction weighs the same.
-  if (qualityMapPixels.empty() || qualityMapWidth < 1 || qualityMapHeight < 1) return 1.0f;
+  if (pixels.empty() || width < 1 || height < 1) return 1.0f;
 
   // Nearest pixel: the left edge is longitude -pi, the right +pi; the top row
   // is latitude +pi/2. No interpolation and no wrap at the seam.
   const float a = static_cast<float>(longitude * 0.15915494309189535 + 0.5);
-  const int32_t column = nearestIndex(a * static_cast<float>(qualityMapWidth - 1), qualityMapWidth - 1);
+  const int32_t column = nearestIndex(a * static_cast<float>(width - 1), width - 1);
   const float e = static_cast<float>(latitude * 0.3183098861837907 + 0.5);
-  const int32_t row = nearestIndex((1.0f - e) * static_cast<float>(qualityMapHeight - 1), qualityMapHeight - 1);
-  const size_t index = static_cast<size_t>(row) * static_cast<size_t>(qualityMapWidth) + static_cast<size_t>(column);
+  const int32_t row = nearestIndex((1.0f - e) * static_cast<float>(height - 1), height - 1);
+  const size_t index = static_cast<size_t>(row) * static_cast<size_t>(width) + static_cast<size_t>(column);
   // The size fields are public; a table that does not match them reads as black.
-  return index < qualityMapPixels.size() ? qualityMapPixels[index] : 0.0f;
+  return index < pixels.size() ? pixels[index] : 0.0f;
 }
 
 }  // namespace sensorlay

@@ -8,9 +8,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <limits>
 #include <memory>
 
@@ -92,24 +90,6 @@ class TextBuffer {
   size_t used_ = 0;
 };
 
-// What one thread changes while it computes rows: its own copy of the
-// observation set, whose visibleNow bits the Jacobian reads and whose
-// everVisible bits are OR-ed into the evaluator's at the end, its own pose and
-// its buffers. All else that a row reads (model, surface, information matrix,
-// samples) is shared and only read. Aligned so that two threads' rows never
-// write to one cache line.
-struct alignas(64) RowWorker {
-  explicit RowWorker(const CoverageEvaluator& evaluator) : view(*evaluator.observations), pose(evaluator.pose) {
-    hits.reserve(2 * kReportSensorLimit);
-  }
-  SweepObservationSet view;
-  std::array<double, 7> pose;
-  ScoreScratch scratch;  // the buffers of its rows, made once per table
-  std::vector<AxisObservation> hits;
-  // The channel without a position that stopped this thread's last row, or -1.
-  int32_t missingChannel = -1;
-};
-
 // Sets the visibleNow bits at the pose, adds the seen ones to everVisible and
 // yields how many are visible.
 int32_t markVisibleSensors(SweepObservationSet& set, const double pose[7]) {
@@ -139,10 +119,14 @@ bool poseCovariance(const SweepObservationSet& set, const double pose[6], const 
   return true;
 }
 
-// One coverage row into `out`. False, with nothing written, when the grade
-// needs a sensor position that the model lacks.
-bool coverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sample, double distance, RowWorker& w,
-                 TextBuffer& out) {
+}  // namespace
+
+RowWorker::RowWorker(const CoverageEvaluator& evaluator) : view(*evaluator.observations), pose(evaluator.pose) {
+  hits.reserve(2 * kReportSensorLimit);
+}
+
+bool computeCoverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sample, RowWorker& w,
+                        CoverageRow& row) {
   double* pose = w.pose.data();
   const std::vector<int32_t>& channels = evaluator.model->channels;
   const size_t sensorCount = w.view.visibilityTests.size();
@@ -185,8 +169,25 @@ bool coverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sa
     grade = {0, 100};
   }
 
-  out.print("%lf %lf %0.1lf %0.1lf %d 0 0 0 %d %d %lf %lf", sample.longitude, sample.latitude, distance, 0.0, visible,
-            grade.first, grade.second, rotationSigma, positionSigma);
+  row.visibleCount = visible;
+  row.grade = grade;
+  row.rotationSigma = rotationSigma;
+  row.positionSigma = positionSigma;
+  return true;
+}
+
+namespace {
+
+// One coverage row into `out`. False, with nothing written, when the grade
+// needs a sensor position that the model lacks.
+bool coverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sample, double distance, RowWorker& w,
+                 TextBuffer& out) {
+  CoverageRow row;
+  if (!computeCoverageRow(evaluator, sample, w, row)) return false;
+  out.print("%lf %lf %0.1lf %0.1lf %d 0 0 0 %d %d %lf %lf", sample.longitude, sample.latitude, distance, 0.0,
+            row.visibleCount, row.grade.first, row.grade.second, row.rotationSigma, row.positionSigma);
+  const std::vector<int32_t>& channels = evaluator.model->channels;
+  const size_t sensorCount = w.view.visibilityTests.size();
   for (size_t i = 0; i < sensorCount; ++i)
     if (w.view.visibleNow[i]) out.putSpaceAndInteger(channels[i]);
   out.putChar('\n');
@@ -259,7 +260,7 @@ constexpr size_t kMaxBlockRows = 1024;
 // is likely to take; the buffers are made for it once.
 template <class Row>
 TableOutcome writeRowsInOrder(size_t rowCount, size_t rowBytes, WorkerPool& pool, std::vector<RowWorker>& workers,
-                              Row&& row) {
+                              std::FILE* output, Row&& row) {
   TableOutcome outcome;
   const size_t slots = kBlocksPerThread * static_cast<size_t>(pool.size());
   const size_t blockRows = std::min(kMaxBlockRows, std::max<size_t>(1, (rowCount + slots - 1) / slots));
@@ -286,16 +287,16 @@ TableOutcome writeRowsInOrder(size_t rowCount, size_t rowBytes, WorkerPool& pool
     });
     for (int b = 0; b < blockCount; ++b) {
       const BlockText& block = blocks[static_cast<size_t>(b)];
-      if (block.text.size() != 0) std::fwrite(block.text.data(), 1, block.text.size(), stdout);
+      if (block.text.size() != 0) std::fwrite(block.text.data(), 1, block.text.size(), output);
       if (block.stopped) {
         outcome.missingChannel = block.missingChannel;
-        std::fflush(stdout);
+        std::fflush(output);
         return outcome;
       }
     }
     outcome.lastWorker = blocks[static_cast<size_t>(blockCount - 1)].worker;
   }
-  std::fflush(stdout);
+  std::fflush(output);
   return outcome;
 }
 
@@ -323,35 +324,25 @@ void gatherRowWorkers(CoverageEvaluator& evaluator, const std::vector<RowWorker>
       if (w.view.everVisible[i]) set.everVisible[i] = true;
 }
 
-// Whether the evaluator is set up for a table; says why not on stderr.
-bool readyForTable(const CoverageEvaluator& evaluator) {
-  if (evaluator.model == nullptr || evaluator.observations == nullptr) {
-    std::cerr << "No sensor model is set up for the coverage table." << std::endl;
-    return false;
-  }
+// Whether the evaluator is set up for a table, and why not.
+Status readyForTable(const CoverageEvaluator& evaluator) {
+  if (evaluator.model == nullptr || evaluator.observations == nullptr)
+    return Status::failure("No sensor model is set up for the coverage table.");
   const std::string problem = reportModelProblem(*evaluator.model);
-  if (!problem.empty()) {
-    std::cerr << "Cannot tabulate the coverage of this model: " << problem << std::endl;
-    return false;
-  }
+  if (!problem.empty()) return Status::failure("Cannot tabulate the coverage of this model: " + problem);
   const SweepObservationSet& set = *evaluator.observations;
   if (set.visibleNow.size() != set.visibilityTests.size() || set.everVisible.size() != set.visibilityTests.size() ||
-      set.visibilityTests.size() > evaluator.model->channels.size()) {
-    std::cerr << "The observation set does not match the sensor model." << std::endl;
-    return false;
-  }
-  return true;
+      set.visibilityTests.size() > evaluator.model->channels.size())
+    return Status::failure("The observation set does not match the sensor model.");
+  return Status();
 }
 
-void reportUnseenSensors(const CoverageEvaluator& evaluator) {
+std::vector<int32_t> unseenChannels(const CoverageEvaluator& evaluator) {
+  std::vector<int32_t> unseen;
   const SweepObservationSet& set = *evaluator.observations;
   for (size_t i = 0; i < set.everVisible.size(); ++i)
-    if (!set.everVisible[i]) std::cerr << "did not see sensor id " << evaluator.model->channels[i] << std::endl;
-}
-
-[[noreturn]] void failMissingPosition(int32_t channel) {
-  std::cerr << "The sensor model has no position for channel " << channel << "." << std::endl;
-  std::exit(1);
+    if (!set.everVisible[i]) unseen.push_back(evaluator.model->channels[i]);
+  return unseen;
 }
 
 }  // namespace
@@ -464,11 +455,11 @@ uint64_t estimateReportRows(double span, double step) {
   return static_cast<uint64_t>(rows);
 }
 
-void CoverageEvaluator::buildReportGrid(double span, double step) {
-  samples.clear();
+std::vector<OrientationSample> buildReportGrid(double span, double step) {
+  std::vector<OrientationSample> samples;
   // A step that is not a positive number would never reach the end of the
   // walk, and one far too small would exhaust memory first: no grid then.
-  if (estimateReportRows(span, step) > kReportRowLimit) return;
+  if (estimateReportRows(span, step) > kReportRowLimit) return samples;
 
   struct Latitude {
     double angle, sine, cosine;
@@ -538,40 +529,48 @@ void CoverageEvaluator::buildReportGrid(double span, double step) {
     }
     a += step;
   } while (a <= end);
+  return samples;
 }
 
-void CoverageEvaluator::printCoverageTable() {
-  if (!readyForTable(*this)) return;
-  WorkerPool& pool = defaultWorkerPool();
-  std::vector<RowWorker> workers = makeRowWorkers(*this, pool);
+Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator, WorkerPool& pool, std::FILE* output) {
+  const Status ready = readyForTable(evaluator);
+  if (!ready) return ready;
+  std::vector<RowWorker> workers = makeRowWorkers(evaluator, pool);
 
+  const std::array<double, 7>& pose = evaluator.pose;
   const double distance = std::sqrt(pose[0] * pose[0] + pose[1] * pose[1] + pose[2] * pose[2]);
   // Two angles and two sigmas of "%lf", the distance, small whole numbers,
   // and one channel below 32 for each sensor.
   const size_t rowBytes = 96 + static_cast<size_t>(std::max(0, std::snprintf(nullptr, 0, "%0.1lf", distance))) +
-                          4 * observations->visibilityTests.size();
-  const TableOutcome outcome = writeRowsInOrder(
-      samples.size(), rowBytes, pool, workers,
-      [&](size_t row, RowWorker& w, TextBuffer& out) { return coverageRow(*this, samples[row], distance, w, out); });
-  if (outcome.missingChannel >= 0) failMissingPosition(outcome.missingChannel);
-  gatherRowWorkers(*this, workers, outcome.lastWorker);
-  reportUnseenSensors(*this);
+                          4 * evaluator.observations->visibilityTests.size();
+  const std::vector<OrientationSample>& samples = evaluator.samples;
+  const TableOutcome outcome =
+      writeRowsInOrder(samples.size(), rowBytes, pool, workers, output, [&](size_t row, RowWorker& w, TextBuffer& out) {
+        return coverageRow(evaluator, samples[row], distance, w, out);
+      });
+  if (outcome.missingChannel >= 0)
+    return Status::failure("The sensor model has no position for channel " + std::to_string(outcome.missingChannel) +
+                           ".");
+  gatherRowWorkers(evaluator, workers, outcome.lastWorker);
+  return unseenChannels(evaluator);
 }
 
-void CoverageEvaluator::printSensitivityTable() {
-  if (!readyForTable(*this)) return;
-  WorkerPool& pool = defaultWorkerPool();
-  std::vector<RowWorker> workers = makeRowWorkers(*this, pool);
+Result<std::vector<int32_t>> printSensitivityTable(CoverageEvaluator& evaluator, WorkerPool& pool, std::FILE* output) {
+  const Status ready = readyForTable(evaluator);
+  if (!ready) return ready;
+  std::vector<RowWorker> workers = makeRowWorkers(evaluator, pool);
 
   // The device keeps facing the station while it moves across the field of
   // view: its position turns with it, and is put back after the table.
+  std::array<double, 7>& pose = evaluator.pose;
   const Eigen::Vector3d p(pose[0], pose[1], pose[2]);
+  const std::vector<OrientationSample>& samples = evaluator.samples;
   const TableOutcome outcome = writeRowsInOrder(
-      samples.size(), 64, pool, workers,
-      [&](size_t row, RowWorker& w, TextBuffer& out) { return sensitivityRow(*this, samples[row], p, w, out); });
-  gatherRowWorkers(*this, workers, outcome.lastWorker);
+      samples.size(), 64, pool, workers, output,
+      [&](size_t row, RowWorker& w, TextBuffer& out) { return sensitivityRow(evaluator, samples[row], p, w, out); });
+  gatherRowWorkers(evaluator, workers, outcome.lastWorker);
   for (int i = 0; i < 3; ++i) pose[i] = p[i];
-  reportUnseenSensors(*this);
+  return unseenChannels(evaluator);
 }
 
 }  // namespace sensorlay

@@ -1,20 +1,24 @@
 #pragma once
 // The analysis tables: one text row per direction around the device, telling
 // how many sensors a base station sees from there and how well the pose can be
-// solved from them. The tables themselves are CoverageEvaluator members
-// (buildReportGrid, printCoverageTable, printSensitivityTable); this header
-// holds the per-row solvability check and the limits that the tables need.
-// The rows are computed on all threads of the default worker pool and printed
-// in row order: the text, and the evaluator's state after a table, are the
-// same for every thread count.
+// solved from them. The rows are computed on all threads of the pool they are
+// given and printed in row order: the text, and the evaluator's state after a
+// table, are the same for every thread count.
 
+#include <array>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
+#include "common/result.h"
 #include "model/constellation.h"
+#include "quality/coverage_evaluator.h"
+#include "quality/score_scratch.h"
 
 namespace sensorlay {
+
+class WorkerPool;
 
 // One sweep hit as the solvability check counts it: a sensor's channel and the
 // axis (0 or 1) that saw it.
@@ -50,8 +54,8 @@ class PoseSolvability {
   // volume: some triangle of them is wider than `minSpread` and some other
   // sensor lies farther than `minSpread` off its plane. A channel that the
   // model has no position for makes it false and is kept in
-  // `missingChannel`; isSolvable is then false too. The tables end the
-  // process over it, once the rows before have gone out.
+  // `missingChannel`; isSolvable is then false too. The tables stop there
+  // with a complaint, once the rows before have gone out.
   bool spansVolume(const int32_t* channelIds, int32_t count);
 
   const SensorModel& model;
@@ -76,6 +80,52 @@ ViewGrade gradeView(PoseSolvability& solvability);
 // Why the tables cannot serve this model, or empty when they can: more than
 // 32 sensors, or a channel of 32 or above.
 std::string reportModelProblem(const SensorModel& model);
+
+// What one thread changes while it computes rows: its own copy of the
+// observation set, whose visibleNow bits the Jacobian reads and whose
+// everVisible bits are OR-ed into the evaluator's at the end, its own pose and
+// its buffers. All else that a row reads (model, surface, information matrix,
+// samples) is shared and only read. Aligned so that two threads' rows never
+// write to one cache line.
+struct alignas(64) RowWorker {
+  explicit RowWorker(const CoverageEvaluator& evaluator);
+  SweepObservationSet view;
+  std::array<double, 7> pose;
+  ScoreScratch scratch;  // the buffers of its rows, made once per table
+  std::vector<AxisObservation> hits;
+  // The channel without a position that stopped this thread's last row, or -1.
+  int32_t missingChannel = -1;
+};
+
+// The numbers of one coverage row. The sensors seen are those whose
+// visibleNow bit the row left set in its worker's view.
+struct CoverageRow {
+  int32_t visibleCount = 0;
+  ViewGrade grade;
+  double rotationSigma = 1.0;  // radians; 1 = no fix
+  double positionSigma = 1.0;  // metres; 1 = no fix
+};
+
+// Computes the coverage row of `sample` with the worker's buffers, allocating
+// nothing. False when the grade needs a sensor position that the model lacks
+// (kept in w.missingChannel).
+bool computeCoverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sample, RowWorker& w,
+                        CoverageRow& row);
+
+// The directions of the tables: longitude -span/2 .. span/2 (outer loop) and
+// latitude -pi/2 .. pi/2 (inner loop) in steps of `step` radians. None when
+// estimateReportRows is beyond kReportRowLimit.
+std::vector<OrientationSample> buildReportGrid(double span, double step);
+
+// The coverage table of the evaluator's samples at the distance of its pose,
+// to `output`. Yields the channels that no row saw, or the failure: a set-up
+// the tables cannot serve, or a row whose grade needs a sensor position the
+// model lacks (the rows before it have been written).
+Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator, WorkerPool& pool, std::FILE* output);
+
+// The sensitivity table: the device moved across the field of view at the
+// pose's position, keeping facing the station.
+Result<std::vector<int32_t>> printSensitivityTable(CoverageEvaluator& evaluator, WorkerPool& pool, std::FILE* output);
 
 // The number of rows buildReportGrid would lay for this span and step, up to a
 // row or so per axis; UINT64_MAX when the step is not a positive finite number

@@ -18,7 +18,8 @@ Constellation drawFittingPlacements(TrackedSurface& surface, int32_t count) {
   for (int32_t i = 0; i < count; ++i) {
     Eigen::Vector3f point, normal;
     // Does not come back before it has a spot where the sensor fits; on a
-    // surface with no room it keeps drawing and says so on stderr.
+    // surface with no room it keeps drawing and says so through the
+    // surface's notices.
     surface.randomPlacement(point, normal);
     constellation.modelPoints.push_back(point);
     constellation.modelNormals.push_back(normal);

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iostream>
 #include <limits>
+#include <ostream>
 
 #include "common/random_draws.h"
 #include "quality/fast_score.h"
@@ -21,19 +21,21 @@ constexpr double degreesToRadians = 0.017453292519943295;
 
 }  // namespace
 
-AnnealerOptions::AnnealerOptions(TrackedSurface& surface_, int32_t nSensors_)
-    : nSensors(nSensors_), surface(surface_) {}
+AnnealerOptions::AnnealerOptions(TrackedSurface& surface_, int32_t nSensors_, WorkerPool& pool_)
+    : nSensors(nSensors_), surface(surface_), pool(pool_) {}
 
-Annealer::Annealer(SensorModel& model_, TrackedSurface& surface_, const std::string& qualityMapPath,
-                   int32_t nIterations, int32_t nOrientations_, double coolingRate_, double qualityRangeLow,
-                   double qualityRangeHigh, std::optional<uint32_t> seed)
-    : model(&model_), surface(&surface_) {
+Annealer::Annealer(SensorModel& model_, const AnnealerOptions& options)
+    : model(&model_),
+      surface(&options.surface),
+      pool(&options.pool),
+      progress(options.progress),
+      stopRequest(options.stopRequest) {
   // Saturate rather than overflow for absurd iteration counts.
-  const int64_t trials = static_cast<int64_t>(model->points.size()) * nIterations;
+  const int64_t trials = static_cast<int64_t>(model->points.size()) * options.nIterations;
   trialsPerTemperature = static_cast<int32_t>(
       std::clamp<int64_t>(trials, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
-  nOrientations = nOrientations_;
-  coolingRate = coolingRate_;
+  nOrientations = options.nOrientations;
+  coolingRate = options.coolingRate;
   firstSnapshot = true;
   moveDrawLow = 0.0;
   moveDrawHigh = 1.0;
@@ -44,12 +46,18 @@ Annealer::Annealer(SensorModel& model_, TrackedSurface& surface_, const std::str
   evaluator.rebuildObservations();
   evaluator.surface = surface;
   evaluator.rebuildObservations();
-  // The sample weights are read from the map, so it comes first.
-  if (!qualityMapPath.empty()) evaluator.loadQualityMap(qualityMapPath);
-  evaluator.sampleOrientations(nOrientations);
-  if (qualityRangeLow > 0.0 && qualityRangeHigh > 0.0) evaluator.setQualityRange(qualityRangeLow, qualityRangeHigh);
+  // The sample weights are read from the map, so it comes first. A map that
+  // cannot be read leaves equal weights, and the search goes on.
+  if (!options.qualityMapPath.empty()) {
+    const Status loaded = evaluator.loadQualityMap(options.qualityMapPath);
+    if (!loaded && progress != nullptr) *progress << loaded.message() << std::endl;
+  }
+  const std::optional<double> normalization = evaluator.sampleOrientations(nOrientations);
+  if (normalization && progress != nullptr) *progress << "quality map normalization: " << *normalization << std::endl;
+  if (options.qualityRangeLow > 0.0 && options.qualityRangeHigh > 0.0)
+    evaluator.setQualityRange(options.qualityRangeLow, options.qualityRangeHigh);
 
-  rng.seed(seed ? *seed : clockSeed());
+  rng.seed(options.annealSeed ? *options.annealSeed : clockSeed());
   pickLow = static_cast<int32_t>(model->immutableCount);
   pickHigh = static_cast<int32_t>(model->points.size()) - 1;
   inverseStartTemperature = 1.0 / annealStartTemperature;
@@ -63,7 +71,7 @@ double Annealer::scoreStart() {
     return evaluator.scorePlacement();
   }
   // A trial moves one sensor; the scorer keeps what the others contribute.
-  fastScorer = std::make_unique<FastScorer>(evaluator);
+  fastScorer = std::make_unique<FastScorer>(evaluator, *pool);
   return fastScorer->scoreAll();
 }
 
@@ -79,7 +87,7 @@ double annealDuration(int32_t trialsPerTemperature, double coolingRate) {
 }
 
 void Annealer::takeSnapshot(Constellation& result) {
-  if (!firstSnapshot) std::cerr << "(" << currentScore << ")";
+  if (!firstSnapshot && progress != nullptr) *progress << "(" << currentScore << ")";
   bestScore = currentScore;
   firstSnapshot = false;
 
@@ -99,7 +107,7 @@ void Annealer::takeSnapshot(Constellation& result) {
 }
 
 void Annealer::runTrial(double T, double& best, double& current, std::mt19937& acceptance, Constellation& result) {
-  std::cerr << '.';
+  if (progress != nullptr) *progress << '.';
   pickedSensor = drawInteger(rng, pickLow, pickHigh);
   Eigen::Vector3d& point = model->points[pickedSensor];
   Eigen::Vector3d& normal = model->normals[pickedSensor];
@@ -150,7 +158,13 @@ void Annealer::anneal(Constellation& result) {
   }
   // Written as >= so that a not-a-number rate ends after one level.
   for (double T = annealStartTemperature; T >= annealEndTemperature; T *= coolingRate) {
-    for (int32_t trial = 0; trial < trialsPerTemperature; ++trial) runTrial(T, best, current, acceptance, result);
+    for (int32_t trial = 0; trial < trialsPerTemperature; ++trial) {
+      if (stopRequest != nullptr && stopRequest->load(std::memory_order_relaxed)) {
+        reportReferenceBest();
+        return;
+      }
+      runTrial(T, best, current, acceptance, result);
+    }
   }
   reportReferenceBest();
 }
@@ -185,10 +199,11 @@ void runAnnealer(AnnealerOptions& options, Constellation& result) {
 
   placeInitialSensors(options, *model);
 
-  Annealer annealer(*model, options.surface, options.qualityMapPath, options.nIterations, options.nOrientations,
-                    options.coolingRate, options.qualityRangeLow, options.qualityRangeHigh, options.annealSeed);
+  Annealer annealer(*model, options);
   annealer.useReferenceScore = options.useReferenceScore;
-  std::cerr << "anneal duration: " << annealDuration(annealer.trialsPerTemperature, options.coolingRate) << "\n";
+  if (options.progress != nullptr)
+    *options.progress << "anneal duration: " << annealDuration(annealer.trialsPerTemperature, options.coolingRate)
+                      << "\n";
   annealer.anneal(result);
   options.finalQualityScore = annealer.bestScore;
 }

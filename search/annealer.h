@@ -4,8 +4,10 @@
 
 #include <Eigen/Core>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <iosfwd>
 #include <memory>
 #include <optional>
 #include <random>
@@ -19,6 +21,7 @@ namespace sensorlay {
 
 class TrackedSurface;
 class FastScorer;
+class WorkerPool;
 
 // Temperatures are in score units, the top of the score scale being 1000.
 constexpr double annealFullScale = 1000.0;
@@ -28,7 +31,7 @@ constexpr double annealEndTemperature = annealFullScale * 0.0035 * 0.01;
 // What the design run hands to the search; the search writes
 // `finalQualityScore` back.
 struct AnnealerOptions {
-  AnnealerOptions(TrackedSurface& surface, int32_t nSensors);
+  AnnealerOptions(TrackedSurface& surface, int32_t nSensors, WorkerPool& pool);
 
   const SensorModel* immutableModel = nullptr;  // fixed sensors, or none
   int32_t nSensors;
@@ -41,6 +44,14 @@ struct AnnealerOptions {
   double finalQualityScore = 0.0;
   std::string qualityMapPath;
   TrackedSurface& surface;
+  // The threads that score the trials.
+  WorkerPool& pool;
+  // Where the search tells how it goes: the quality map's normalisation, the
+  // schedule's length, a dot per trial and each new best score. None: quiet.
+  std::ostream* progress = nullptr;
+  // When given, checked once per trial: once it reads true the search ends
+  // there and keeps the best placement seen so far.
+  const std::atomic<bool>* stopRequest = nullptr;
   // Replaces the clock seed of the trial generator, for reproducible runs.
   // The surface's own generator is fixed through TrackedSurface::seedGenerator.
   std::optional<uint32_t> annealSeed;
@@ -53,9 +64,10 @@ struct AnnealerOptions {
 // The state of one search; lives only inside runAnnealer.
 class Annealer {
  public:
-  Annealer(SensorModel& model, TrackedSurface& surface, const std::string& qualityMapPath, int32_t nIterations,
-           int32_t nOrientations, double coolingRate, double qualityRangeLow, double qualityRangeHigh,
-           std::optional<uint32_t> seed = std::nullopt);
+  // Takes the schedule, the map, the curve, the seed, the pool and the sinks
+  // from `options`; the fixed sensors and the initial placement are already
+  // in `model`.
+  Annealer(SensorModel& model, const AnnealerOptions& options);
   ~Annealer();
   Annealer(const Annealer&) = delete;
   Annealer& operator=(const Annealer&) = delete;
@@ -71,6 +83,9 @@ class Annealer {
 
   SensorModel* model;
   TrackedSurface* surface;
+  WorkerPool* pool;
+  std::ostream* progress;
+  const std::atomic<bool>* stopRequest;
   CoverageEvaluator evaluator;
   int32_t trialsPerTemperature = 0;
   int32_t nOrientations = 0;

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iostream>
+#include <ostream>
 
 #include "common/random_draws.h"
 #include "surface/tracked_surface.h"
@@ -73,8 +73,9 @@ Eigen::Vector3f TrackedSurface::randomNormalOnFace(int32_t face) {
 void TrackedSurface::noteFruitlessAttempt(uint64_t attempts) {
   if (attempts != kAttemptsBeforeWarning || warnedNoRoom) return;
   warnedNoRoom = true;
-  std::cerr << "WARNING: no room found for a sensor of size " << sensorSize << " on \"" << sensorsPath << "\" in "
-            << kAttemptsBeforeWarning << " attempts; still searching" << std::endl;
+  if (notices == nullptr) return;
+  *notices << "WARNING: no room found for a sensor of size " << sensorSize << " on \"" << sensorsPath << "\" in "
+           << kAttemptsBeforeWarning << " attempts; still searching" << std::endl;
 }
 
 bool TrackedSurface::randomPlacement(Eigen::Vector3f& point, Eigen::Vector3f& normal) {

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <limits>
 #include <new>
 #include <string_view>
@@ -27,8 +26,8 @@ constexpr size_t kTriangleBytes = 50;
 // Face indices are 32-bit, and each triangle takes three vertex rows.
 constexpr uint64_t kMaxTriangles = static_cast<uint64_t>(std::numeric_limits<int32_t>::max()) / 3;
 
-void complain(const std::string& path, const std::string& problem) {
-  std::cerr << "IOError: \"" << path << "\": " << problem << std::endl;
+Status complain(const std::string& path, const std::string& problem) {
+  return Status::failure("IOError: \"" + path + "\": " + problem);
 }
 
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
@@ -193,12 +192,11 @@ void readBinary(const std::string& bytes, uint64_t count, std::vector<float>& co
 
 }  // namespace
 
-bool parseStl(const std::string& path, const std::string& bytes, StlVertices& vertices, StlFaces& faces,
-              StlVertices& normals) {
+Status parseStl(const std::string& path, const std::string& bytes, StlVertices& vertices, StlFaces& faces,
+                StlVertices& normals) {
   const uint64_t size = bytes.size();
   if (size == 0) {
-    complain(path, "the file is empty");
-    return false;
+    return complain(path, "the file is empty");
   }
   std::vector<float> corners, fileNormals;
   const bool ascii = looksLikeAscii(bytes);
@@ -213,64 +211,55 @@ bool parseStl(const std::string& path, const std::string& bytes, StlVertices& ve
       std::vector<float> textCorners, textNormals;
       if (AsciiParser(bytes).parse(textCorners, textNormals).empty()) {
         fillMatrices(textCorners, textNormals, vertices, faces, normals);
-        return true;
+        return Status();
       }
     }
     if (count > kMaxTriangles) {
-      complain(path, "the binary STL counts " + std::to_string(count) + " triangles, more than can be indexed");
-      return false;
+      return complain(path, "the binary STL counts " + std::to_string(count) + " triangles, more than can be indexed");
     }
     readBinary(bytes, count, corners, fileNormals);
     fillMatrices(corners, fileNormals, vertices, faces, normals);
-    return true;
+    return Status();
   }
   if (ascii) {
     const std::string problem = AsciiParser(bytes).parse(corners, fileNormals);
     if (!problem.empty()) {
-      complain(path, problem);
-      return false;
+      return complain(path, problem);
     }
     fillMatrices(corners, fileNormals, vertices, faces, normals);
-    return true;
+    return Status();
   }
-  if (size < kPrefixBytes) {
-    complain(path, "not an STL file: " + std::to_string(size) +
-                       " bytes are too few for a binary STL, and the text does not begin with \"solid\"");
-  } else if (size < binarySize) {
-    complain(path, "truncated binary STL, or no STL at all: its header counts " + std::to_string(count) +
-                       " triangles, which need " + std::to_string(binarySize) + " bytes, but the file holds " +
-                       std::to_string(size));
-  } else {
-    complain(path, "not an STL file: it does not begin with \"solid\", and its " + std::to_string(size) +
-                       " bytes do not match the " + std::to_string(count) +
-                       " triangles of a binary header, which need " + std::to_string(binarySize));
-  }
-  return false;
+  if (size < kPrefixBytes)
+    return complain(path, "not an STL file: " + std::to_string(size) +
+                              " bytes are too few for a binary STL, and the text does not begin with \"solid\"");
+  if (size < binarySize)
+    return complain(path, "truncated binary STL, or no STL at all: its header counts " + std::to_string(count) +
+                              " triangles, which need " + std::to_string(binarySize) + " bytes, but the file holds " +
+                              std::to_string(size));
+  return complain(path, "not an STL file: it does not begin with \"solid\", and its " + std::to_string(size) +
+                            " bytes do not match the " + std::to_string(count) +
+                            " triangles of a binary header, which need " + std::to_string(binarySize));
 }
 
-bool readStl(const std::string& path, StlVertices& vertices, StlFaces& faces, StlVertices& normals) {
+Status readStl(const std::string& path, StlVertices& vertices, StlFaces& faces, StlVertices& normals) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
-    complain(path, std::string("cannot be opened: ") + std::strerror(errno));
-    return false;
+    return complain(path, std::string("cannot be opened: ") + std::strerror(errno));
   }
   struct stat info;
   if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
     ::close(fd);
-    complain(path, "not a regular file");
-    return false;
+    return complain(path, "not a regular file");
   }
   std::string bytes;
   try {
     bytes.resize(static_cast<size_t>(info.st_size));
   } catch (const std::bad_alloc&) {
     ::close(fd);
-    complain(path, "the file is too large to be read");
-    return false;
+    return complain(path, "the file is too large to be read");
   } catch (const std::length_error&) {
     ::close(fd);
-    complain(path, "the file is too large to be read");
-    return false;
+    return complain(path, "the file is too large to be read");
   }
   size_t done = 0;
   while (done < bytes.size()) {
@@ -279,8 +268,7 @@ bool readStl(const std::string& path, StlVertices& vertices, StlFaces& faces, St
     if (n < 0) {
       const int error = errno;
       ::close(fd);
-      complain(path, std::string("read failed: ") + std::strerror(error));
-      return false;
+      return complain(path, std::string("read failed: ") + std::strerror(error));
     }
     if (n == 0) break;  // shrank while being read
     done += static_cast<size_t>(n);

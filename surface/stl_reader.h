@@ -11,19 +11,21 @@
 #include <cstdint>
 #include <string>
 
+#include "common/result.h"
+
 namespace sensorlay {
 
 using StlVertices = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic>;
 using StlFaces = Eigen::Matrix<int32_t, Eigen::Dynamic, Eigen::Dynamic>;
 
-// Reads the file into the three matrices (each with 3 columns). On failure
-// writes one line beginning "IOError: " that names the file and the problem
-// to the standard error stream, yields false and leaves the outputs untouched.
-// A well-formed file without triangles is a success with no rows.
-bool readStl(const std::string& path, StlVertices& vertices, StlFaces& faces, StlVertices& normals);
+// Reads the file into the three matrices (each with 3 columns). A failure's
+// message is one line beginning "IOError: " that names the file and the
+// problem; the outputs are then untouched. A well-formed file without
+// triangles is a success with no rows.
+Status readStl(const std::string& path, StlVertices& vertices, StlFaces& faces, StlVertices& normals);
 
 // The same on bytes already in memory; `path` only names the data in messages.
-bool parseStl(const std::string& path, const std::string& bytes, StlVertices& vertices, StlFaces& faces,
-              StlVertices& normals);
+Status parseStl(const std::string& path, const std::string& bytes, StlVertices& vertices, StlFaces& faces,
+                StlVertices& normals);
 
 }  // namespace sensorlay

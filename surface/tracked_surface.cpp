@@ -23,27 +23,30 @@ void stackRows(const Matrix& top, const Matrix& bottom, Matrix& out) {
 
 // Reads the STLs of [first, last) into one mesh, later files below earlier
 // ones, with the face indices of each file shifted past the vertices before
-// it. Nothing is measured or normalised here. False after a failed read, with
-// the outputs untouched.
-bool readMergedMeshes(std::vector<std::string>::const_iterator first, std::vector<std::string>::const_iterator last,
-                      StlVertices& V, StlFaces& F, StlVertices& N) {
-  if (first == last) return true;
+// it. Nothing is measured or normalised here. After a failed read the outputs
+// are untouched.
+Status readMergedMeshes(std::vector<std::string>::const_iterator first, std::vector<std::string>::const_iterator last,
+                        StlVertices& V, StlFaces& F, StlVertices& N) {
+  if (first == last) return Status();
   StlVertices firstV, firstN, restV, restN;
   StlFaces firstF, restF;
-  if (!readStl(*first, firstV, firstF, firstN)) return false;
-  if (!readMergedMeshes(first + 1, last, restV, restF, restN)) return false;
+  if (Status read = readStl(*first, firstV, firstF, firstN); !read) return read;
+  if (Status rest = readMergedMeshes(first + 1, last, restV, restF, restN); !rest) return rest;
   restF.array() += static_cast<int32_t>(firstV.rows());
   stackRows(firstV, restV, V);
   stackRows(firstF, restF, F);
   stackRows(firstN, restN, N);
-  return true;
+  return Status();
 }
 
 }  // namespace
 
 TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vector<std::string>& obstaclePaths_)
     : sensorsPath(sensorsPath_), obstaclePaths(obstaclePaths_) {
-  if (!readStl(sensorsPath, vertices, faces, faceNormals)) return;
+  if (Status read = readStl(sensorsPath, vertices, faces, faceNormals); !read) {
+    loadProblem = read.message();
+    return;
+  }
   if (vertices.size() == 0 || faces.size() == 0 || faceNormals.size() == 0) return;
 
   // Units follow from the size alone: a bounding-box diagonal of 5 or more
@@ -90,7 +93,9 @@ TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vecto
   if (!obstaclePaths.empty()) {
     StlVertices obstacleV, obstacleN;
     StlFaces obstacleF;
-    if (!readMergedMeshes(obstaclePaths.begin(), obstaclePaths.end(), obstacleV, obstacleF, obstacleN)) {
+    if (Status read = readMergedMeshes(obstaclePaths.begin(), obstaclePaths.end(), obstacleV, obstacleF, obstacleN);
+        !read) {
+      loadProblem = read.message();
       faces.resize(0, 3);
       return;
     }

@@ -6,6 +6,7 @@
 #include <Eigen/Core>
 
 #include <cstdint>
+#include <iosfwd>
 #include <memory>
 #include <random>
 #include <string>
@@ -17,7 +18,8 @@ class RayScene;
 
 class TrackedSurface {
  public:
-  // All work happens here. A failed build leaves `faces` without rows.
+  // All work happens here. A failed build leaves `faces` without rows, and
+  // `loadProblem` says why when a file could not be read.
   TrackedSurface(const std::string& sensorsPath, const std::vector<std::string>& obstaclePaths);
   ~TrackedSurface();
   TrackedSurface(const TrackedSurface&) = delete;
@@ -64,7 +66,9 @@ class TrackedSurface {
   std::vector<double> cumulativeAreas;
   double sensorSize = 0.006;
   double sensorRadius = 0.003;
-  // Set once the user has been told that a placement search finds no room.
+  std::string loadProblem;
+  // Where a placement search that finds no room says so, once; none: quiet.
+  std::ostream* notices = nullptr;
   bool warnedNoRoom = false;
 
  private:

@@ -1,5 +1,4 @@
 #include <cstdio>
-#include <cstdlib>
 
 #include "common/files.h"
 #include "common/json_io.h"
@@ -8,24 +7,25 @@
 
 namespace sensorlay {
 
-void convertDeviceFile(const std::string& path, int format) {
+int convertDeviceFile(const std::string& path, int format) {
   const std::string text = readTextFile(path);
   if (text.empty()) {
-    // Returns, and the caller ends with status 0: a missing file is reported
-    // but not failed, unlike a file that is there and wrong.
+    // A missing file is reported but not failed, unlike a file that is there
+    // and wrong.
     std::fprintf(stderr, "couldn't read %s: file is empty or does not exist\n", path.c_str());
-    return;
+    return 0;
   }
   DeviceConfig config;
   std::string errorText;
   if (!parseDeviceConfig(config, errorText, text)) {
     std::fprintf(stderr, "couldn't read %s: %s\n", path.c_str(), errorText.c_str());
-    std::exit(1);
+    return 1;
   }
   config.jsonFormat = format;
   std::fputs(writeStyledJson(writeDeviceRecord(config)).c_str(), stdout);
   std::fputs("\n", stdout);
   std::fflush(stdout);
+  return 0;
 }
 
 }  // namespace sensorlay

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "common/json_io.h"
+#include "common/result.h"
 #include "tools/tools.h"
 
 namespace sensorlay {
@@ -47,29 +48,30 @@ void writeImuTemplate() {
 
 namespace {
 
-[[noreturn]] void failWith(const char* format, const std::string& a, const std::string& b = std::string()) {
-  std::fprintf(stderr, format, a.c_str(), b.c_str());
-  std::exit(1);
+// The tool's complaints about its input: one line on the standard error
+// stream, and the status of a failed run.
+int fail(const std::string& verb, const std::string& path, const std::string& why) {
+  std::fprintf(stderr, "couldn't %s %s: %s\n", verb.c_str(), path.c_str(), why.c_str());
+  return 1;
 }
 
 // One of the three vectors of the input: a missing key, a null, null
 // elements and short arrays read as zeros, truth values as 1 and 0; anything
 // else that is not an array of finite numbers is refused with a word on what
 // is wrong.
-Eigen::Vector3d readInputVector(const std::string& path, const Json::Value& root, const char* key) {
+Result<Eigen::Vector3d> readInputVector(const Json::Value& root, const char* key) {
   Eigen::Vector3d v = Eigen::Vector3d::Zero();
   if (!root.isMember(key)) return v;
   const Json::Value& value = root[key];
   if (value.isNull()) return v;
-  if (!value.isArray())
-    failWith("couldn't parse %s: %s\n", path, std::string(key) + " is not an array of three numbers");
+  const Status notNumbers = Status::failure(std::string(key) + " is not an array of three numbers");
+  if (!value.isArray()) return notNumbers;
   for (Json::ArrayIndex i = 0; i < 3 && i < value.size(); ++i) {
     const Json::Value& element = value[i];
     if (element.isNull()) continue;
-    if (!element.isNumeric() && !element.isBool())
-      failWith("couldn't parse %s: %s\n", path, std::string(key) + " is not an array of three numbers");
+    if (!element.isNumeric() && !element.isBool()) return notNumbers;
     const double x = element.asDouble();
-    if (!std::isfinite(x)) failWith("couldn't parse %s: %s\n", path, std::string(key) + " holds a number out of range");
+    if (!std::isfinite(x)) return Status::failure(std::string(key) + " holds a number out of range");
     v[static_cast<int>(i)] = x;
   }
   return v;
@@ -77,9 +79,9 @@ Eigen::Vector3d readInputVector(const std::string& path, const Json::Value& root
 
 }  // namespace
 
-void runImuTransform(const std::string& path) {
+int runImuTransform(const std::string& path) {
   std::FILE* file = std::fopen(path.c_str(), "r");
-  if (file == nullptr) failWith("couldn't read %s: %s\n", path, std::strerror(errno));
+  if (file == nullptr) return fail("read", path, std::strerror(errno));
   std::string text;
   char buffer[65536];
   size_t n;
@@ -87,19 +89,25 @@ void runImuTransform(const std::string& path) {
   if (std::ferror(file)) {
     const int error = errno;
     std::fclose(file);
-    failWith("couldn't read %s: %s\n", path, std::strerror(error));
+    return fail("read", path, std::strerror(error));
   }
   std::fclose(file);
 
   Json::Value root;
   std::string errors;
-  if (!parseJsonText(text, root, errors)) failWith("couldn't parse %s: %s\n", path, errors);
-  if (!root.isObject() && !root.isNull())
-    failWith("couldn't parse %s: %s\n", path, "the file does not hold a JSON object");
+  if (!parseJsonText(text, root, errors)) return fail("parse", path, errors);
+  if (!root.isObject() && !root.isNull()) return fail("parse", path, "the file does not hold a JSON object");
 
-  const Eigen::Vector3d position = readInputVector(path, root, "imu_from_trackref");
-  Eigen::Vector3d plusZ = readInputVector(path, root, "imu_plusz_in_trackref");
-  Eigen::Vector3d plusX = readInputVector(path, root, "imu_plusx_in_trackref");
+  Eigen::Vector3d vectors[3];
+  const char* keys[3] = {"imu_from_trackref", "imu_plusz_in_trackref", "imu_plusx_in_trackref"};
+  for (int k = 0; k < 3; ++k) {
+    const Result<Eigen::Vector3d> read = readInputVector(root, keys[k]);
+    if (!read) return fail("parse", path, read.message());
+    vectors[k] = *read;
+  }
+  const Eigen::Vector3d& position = vectors[0];
+  Eigen::Vector3d& plusZ = vectors[1];
+  Eigen::Vector3d& plusX = vectors[2];
 
   if (plusZ.norm() != 0.0) plusZ /= plusZ.norm();
   if (plusX.norm() != 0.0) plusX /= plusX.norm();
@@ -107,12 +115,12 @@ void runImuTransform(const std::string& path) {
   if (isAllZeros(plusZ)) {
     std::fputs("imu_plusz_in_trackref can't be 0,0,0.  Set it to a vector pointing in the IMU's +Z direction.\n",
                stderr);
-    std::exit(1);
+    return 1;
   }
   if (isAllZeros(plusX)) {
     std::fputs("imu_plusx_in_trackref can't be 0,0,0.  Set it to a vector pointing in the IMU's +X direction.\n",
                stderr);
-    std::exit(1);
+    return 1;
   }
   if (isAllZeros(position))
     std::fputs("WARNING: imu_from_trackref is 0,0,0!  This is only correct if your IMU is at your CAD origin.\n",
@@ -139,6 +147,7 @@ void runImuTransform(const std::string& path) {
   std::fputs(writeStyledJson(out).c_str(), stdout);
   std::fputs("\n", stdout);
   std::fflush(stdout);
+  return 0;
 }
 
 }  // namespace sensorlay

@@ -1,5 +1,6 @@
 #pragma once
-// Small tools behind one switch each.
+// Small tools behind one switch each. They are entry points of their own:
+// they print their output and complaints and yield the process status.
 
 #include <string>
 
@@ -11,11 +12,11 @@ bool printVersion();
 
 // /trackref_from_imu without a file: prints the sample input with instructions.
 void writeImuTemplate();
-// /trackref_from_imu with a file: prints the transform, or ends with status 1.
-void runImuTransform(const std::string& path);
+// /trackref_from_imu with a file: prints the transform (0), or complains (1).
+int runImuTransform(const std::string& path);
 
 // /formatconvert: rewrites a device file in layout generation `format` on the
-// standard output stream; ends with status 1 when the file is rejected.
-void convertDeviceFile(const std::string& path, int format);
+// standard output stream; 1 when the file is there but rejected.
+int convertDeviceFile(const std::string& path, int format);
 
 }  // namespace sensorlay

@@ -33,6 +33,10 @@ TEST(WorkerPool, EveryTaskRunsOnceOnAWorkerOfItsOwn) {
         ASSERT_FALSE(clash);
       }
   }
+  // No count: one thread per hardware thread.
+  const int hardware = static_cast<int>(std::thread::hardware_concurrency());
+  EXPECT_EQ(WorkerPool(0).size(), hardware > 0 ? hardware : 1);
+
   // One thread: inline on the caller, in order.
   WorkerPool single(1);
   std::vector<int> order;
@@ -100,14 +104,6 @@ TEST(WorkerPool, AForkedChildRunsInlineAndEndsCleanly) {
   std::atomic<int> count{0};
   pool.run(100, [&](int) { count++; });  // the parent's pool still works
   EXPECT_EQ(count.load(), 100);
-}
-
-TEST(WorkerPool, DefaultPoolFollowsTheSetting) {
-  setDefaultThreadCount(3);
-  EXPECT_EQ(defaultWorkerPool().size(), 3);
-  setDefaultThreadCount(0);
-  const int hardware = static_cast<int>(std::thread::hardware_concurrency());
-  EXPECT_EQ(defaultWorkerPool().size(), hardware > 0 ? hardware : 1);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "quality/fast_score.h"
+#include "common/worker_pool.h"
 
 #include <gtest/gtest.h>
 
@@ -19,7 +20,6 @@ namespace {
 
 using testing::attach;
 using testing::makeSensorModel;
-using testing::quietSamples;
 
 const std::string kSamples = std::string(SENSORLAY_SOURCE_DIR) + "/samples/";
 
@@ -35,7 +35,7 @@ struct Search {
       : surface(std::move(s)), model(std::move(m)) {
     model->cosMaxIncidence = 0.5;
     attach(*evaluator, model.get(), surface.get());
-    quietSamples(*evaluator, orientations);
+    evaluator->sampleOrientations(orientations);
   }
 
   // `count` sensors drawn where they fit on a bundled device, with an
@@ -89,7 +89,7 @@ void expectAgreement(Search& search, double fast, double tolerance, const std::s
 // Random moves, each scored both ways, kept or put back at random. Every
 // `freshEvery` moves a new scorer set up on the placement reached must give
 // the kept score bit for bit: the cached sums do not depend on the history.
-void walk(Search& search, FastScorer& scorer, int moves, double tolerance, int freshEvery = 0) {
+void walk(Search& search, FastScorer& scorer, WorkerPool& pool, int moves, double tolerance, int freshEvery = 0) {
   double current = scorer.scoreAll();
   expectAgreement(search, current, tolerance, "start");
   for (int i = 1; i <= moves; ++i) {
@@ -105,7 +105,7 @@ void walk(Search& search, FastScorer& scorer, int moves, double tolerance, int f
       scorer.reject();
     }
     if (freshEvery > 0 && i % freshEvery == 0) {
-      FastScorer fresh(*search.evaluator);
+      FastScorer fresh(*search.evaluator, pool);
       EXPECT_EQ(fresh.scoreAll(), current) << "move " << i;
     }
   }
@@ -135,12 +135,13 @@ TEST(FastScore, ClosedFormRowsAreTheJetDerivatives) {
 TEST(FastScore, AgreesWithTheReferenceOnTheBundledDevices) {
   // Thousands of placements, each one sensor away from the last, on the
   // headset with the head in the way and on the controller.
+  WorkerPool pool(2);
   for (const auto& [mesh, obstacle, sensors] :
        {std::tuple<std::string, std::string, int>{"headset.stl", "headset_head.stl", 20}, {"controller.stl", "", 14}}) {
     SCOPED_TRACE(mesh);
     Search search = Search::onDevice(mesh, obstacle, 3, sensors, 300);
-    FastScorer scorer(*search.evaluator);
-    walk(search, scorer, 1200, 1e-9, 150);
+    FastScorer scorer(*search.evaluator, pool);
+    walk(search, scorer, pool, 1200, 1e-9, 150);
     EXPECT_TRUE(scorer.incremental());
   }
 }
@@ -170,6 +171,7 @@ TEST(FastScore, DegenerateFewAndFlatViewsAgree) {
     if (i < 8) cases[3].points.push_back(Eigen::Vector3f(0.01f * i - 0.04f, 0.02f, 0.03f));
     cases[5].points.push_back(Eigen::Vector3f(0.03f * (i % 3) - 0.03f, 0.03f * (i / 3) - 0.03f, 0.02f));
   }
+  WorkerPool pool(2);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const size_t n = c.points.size();
@@ -177,7 +179,7 @@ TEST(FastScore, DegenerateFewAndFlatViewsAgree) {
         makeSensorModel(c.points, c.singular ? std::vector<Eigen::Vector3f>(turned.begin(), turned.begin() + n)
                                              : std::vector<Eigen::Vector3f>(n, Eigen::Vector3f(0.1f, 0.2f, 1)));
     Search search(nullptr, std::move(model), c.singular ? 300 : 400);
-    FastScorer scorer(*search.evaluator);
+    FastScorer scorer(*search.evaluator, pool);
     const double tolerance = c.singular ? 0.0 : 1e-9;
     expectAgreement(search, scorer.scoreAll(), tolerance, "start");
     if (c.singular) {
@@ -219,8 +221,9 @@ TEST(FastScore, WeightsAndUnusableSetUps) {
   // sample costs 2 whatever its weight.
   for (size_t s = 0; s < evaluator.samples.size(); ++s)
     evaluator.samples[s].weight = 0.25 * static_cast<double>(s % 7) - 0.5;
-  FastScorer scorer(evaluator);
-  walk(search, scorer, 60, 1e-9);
+  WorkerPool pool(2);
+  FastScorer scorer(evaluator, pool);
+  walk(search, scorer, pool, 60, 1e-9);
 
   // A weight that is not a number spoils the sum in both.
   evaluator.samples[7].weight = std::nan("");
@@ -238,8 +241,8 @@ TEST(FastScore, WeightsAndUnusableSetUps) {
   auto shared = makeSensorModel({{0.02f, 0, 0.03f}, {0, 0.02f, 0.03f}}, {{0, 0, 1}, {0, 0, 1}}, {4, 4});
   CoverageEvaluator sharing;
   attach(sharing, shared.get());
-  quietSamples(sharing, 50);
-  FastScorer sharingScorer(sharing);
+  sharing.sampleOrientations(50);
+  FastScorer sharingScorer(sharing, pool);
   EXPECT_EQ(sharingScorer.scoreAll(), sharing.scorePlacement());
   EXPECT_FALSE(sharingScorer.incremental());
 }

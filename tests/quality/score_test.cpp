@@ -17,7 +17,6 @@ namespace {
 using testing::attach;
 using testing::makeSensorModel;
 using testing::makeSphereSensors;
-using testing::quietSamples;
 
 // The value of one sample alone, with a scale of 1.
 double sampleValue(CoverageEvaluator& evaluator, const OrientationSample& sample) {
@@ -37,16 +36,16 @@ TEST(Score, NothingVisibleAndTheWeights) {
   model->cosMaxIncidence = 1.0;
   CoverageEvaluator evaluator;
   attach(evaluator, model.get());
-  quietSamples(evaluator, 1250);
+  evaluator.sampleOrientations(1250);
   EXPECT_EQ(evaluator.scorePlacement(), 1000.0);
   EXPECT_EQ(evaluator.observations->everVisible, std::vector<bool>(12, false));
 
   // Weight 0 or below skips a sample; any other leaves an unseen one at 2.0.
-  quietSamples(evaluator, 6);
+  evaluator.sampleOrientations(6);
   const double weights[6] = {0.0, -1.0, 5.0, 0.25, 1.0, 3.0};
   for (size_t i = 0; i < 6; ++i) evaluator.samples[i].weight = weights[i];
   EXPECT_EQ(evaluator.scorePlacement(), 2.0 * 4 * 500.0 / 6);
-  quietSamples(evaluator, 0);
+  evaluator.sampleOrientations(0);
   EXPECT_TRUE(std::isnan(evaluator.scorePlacement()));  // 0 times an infinite scale
 
   // Planes tilted so steeply that they reach no sensor: the Jacobian fails,
@@ -54,14 +53,14 @@ TEST(Score, NothingVisibleAndTheWeights) {
   model->cosMaxIncidence = 0.5;
   evaluator.stationConfig = {7, 1.5707963};
   evaluator.rebuildObservations();
-  quietSamples(evaluator, 100);
+  evaluator.sampleOrientations(100);
   EXPECT_EQ(evaluator.scorePlacement(), 1000.0);
 
   // A black quality map weighs every sample 0.
   testing::TempDir dir;
   testing::writeFile(dir.file("black.pgm"), "P5\n4 2\n255\n" + std::string(8, '\0'));
   evaluator.loadQualityMap(dir.file("black.pgm"));
-  quietSamples(evaluator, 200);
+  evaluator.sampleOrientations(200);
   EXPECT_EQ(evaluator.scorePlacement(), 0.0);
 }
 
@@ -77,7 +76,7 @@ TEST(Score, QualityCurve) {
   auto model = makeSphereSensors(16, 0.08f);
   CoverageEvaluator scorer;
   attach(scorer, model.get());
-  quietSamples(scorer, 40);
+  scorer.sampleOrientations(40);
   const OrientationSample sample = scorer.samples[5];
   scorer.qualityGain = 1.0;
   scorer.qualityBias = scorer.qualityBase = 0.0;
@@ -127,7 +126,7 @@ TEST(Score, RepeatedScoresAllocateNothing) {
        {std::pair<SensorModel*, const TrackedSurface*>{twenty.get(), &surface}, {forty.get(), nullptr}}) {
     CoverageEvaluator evaluator;
     attach(evaluator, model, occluder);
-    quietSamples(evaluator, 200);
+    evaluator.sampleOrientations(200);
     double first = evaluator.scorePlacement(), second = 0.0;  // the first makes the buffers
     EXPECT_EQ(testing::countAllocations([&] { second = evaluator.scorePlacement(); }), 0) << model->sensorCount();
     EXPECT_EQ(first, second);

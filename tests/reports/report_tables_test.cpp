@@ -9,34 +9,20 @@
 
 #include "quality/coverage_evaluator.h"
 #include "tests/support/quality_fixtures.h"
+#include "tests/support/table_runs.h"
 
 namespace sensorlay {
 namespace {
 
 using Points = std::vector<Eigen::Vector3f>;
+using testing::degrees;
 using testing::makeSensorModel;
+using testing::printTable;
 
 // Facing the station, which stands on +z of a device at its default pose.
 const Eigen::Vector3f kUp(0.0f, 0.0f, 1.0f);
 const Eigen::Vector3f kDown(0.0f, 0.0f, -1.0f);
 const Points kTetrahedron = {{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0, 0, 0.03f}};
-
-struct TableOutput {
-  std::string out, err;
-};
-
-TableOutput printTable(CoverageEvaluator& evaluator, bool sensitivity = false) {
-  ::testing::internal::CaptureStdout();
-  ::testing::internal::CaptureStderr();
-  if (sensitivity)
-    evaluator.printSensitivityTable();
-  else
-    evaluator.printCoverageTable();
-  TableOutput result;
-  result.out = ::testing::internal::GetCapturedStdout();
-  result.err = ::testing::internal::GetCapturedStderr();
-  return result;
-}
 
 std::vector<std::string> columns(const std::string& line) {
   std::istringstream in(line);
@@ -58,15 +44,13 @@ std::vector<std::string> facingRow(const Points& points, const Points& normals, 
 
 std::string grade(const std::vector<std::string>& row) { return row.at(8) + " " + row.at(9); }
 
-double degreesToStep(double degrees) { return degrees * 0.005555555555555556 * 3.141592653589793; }
-
 TEST(ReportGrid, RowCountsFollowTheRunningSums) {
   CoverageEvaluator evaluator;
-  evaluator.buildReportGrid(6.283185307179586, degreesToStep(0.5));
+  evaluator.samples = buildReportGrid(6.283185307179586, degrees(0.5));
   EXPECT_EQ(evaluator.samples.size(), 361u * 721u);
-  evaluator.buildReportGrid(6.283185307179586, degreesToStep(1.0));
+  evaluator.samples = buildReportGrid(6.283185307179586, degrees(1.0));
   EXPECT_EQ(evaluator.samples.size(), 180u * 361u);  // the end latitude is missed
-  evaluator.buildReportGrid(6.283185307179586, degreesToStep(5.0));
+  evaluator.samples = buildReportGrid(6.283185307179586, degrees(5.0));
   ASSERT_EQ(evaluator.samples.size(), 37u * 73u);
 
   // Longitude outermost, latitude inner, both ascending from the low end.
@@ -91,15 +75,15 @@ TEST(ReportGrid, RowCountsFollowTheRunningSums) {
 
 TEST(ReportGrid, UnusableStepsLayNoGrid) {
   CoverageEvaluator evaluator;
-  for (double step : {0.0, -0.1, std::nan(""), std::numeric_limits<double>::infinity(), 1e-20, degreesToStep(0.05)}) {
+  for (double step : {0.0, -0.1, std::nan(""), std::numeric_limits<double>::infinity(), 1e-20, degrees(0.05)}) {
     evaluator.samples.resize(3);
-    evaluator.buildReportGrid(6.283185307179586, step);
+    evaluator.samples = buildReportGrid(6.283185307179586, step);
     EXPECT_TRUE(evaluator.samples.empty()) << step;
   }
   // 0.1 degrees, 6.5 million rows, is still allowed.
-  EXPECT_LE(estimateReportRows(6.283185307179586, degreesToStep(0.1)), kReportRowLimit);
-  EXPECT_GT(estimateReportRows(6.283185307179586, degreesToStep(0.08)), kReportRowLimit);
-  evaluator.buildReportGrid(6.283185307179586, degreesToStep(400.0));
+  EXPECT_LE(estimateReportRows(6.283185307179586, degrees(0.1)), kReportRowLimit);
+  EXPECT_GT(estimateReportRows(6.283185307179586, degrees(0.08)), kReportRowLimit);
+  evaluator.samples = buildReportGrid(6.283185307179586, degrees(400.0));
   EXPECT_EQ(evaluator.samples.size(), 1u);
 }
 
@@ -154,9 +138,9 @@ TEST(CoverageTable, NeverSeenSensorsAndTheStraightAheadRow) {
   testing::attach(evaluator, model.get());
   // At 45 degrees the running sums land on zero: one sample looks straight
   // ahead, and its orientation is not a number.
-  evaluator.buildReportGrid(6.283185307179586, degreesToStep(45.0));
+  evaluator.samples = buildReportGrid(6.283185307179586, degrees(45.0));
   ASSERT_EQ(evaluator.samples.size(), 45u);
-  const TableOutput table = printTable(evaluator);
+  const testing::PrintedTable table = printTable(evaluator);
   EXPECT_NE(table.out.find("\n0.000000 0.000000 2.0 0.0 0 0 0 0 0 100 1.000000 1.000000\n"), std::string::npos);
   EXPECT_EQ(table.err, "did not see sensor id 9\n");
   size_t lines = 0;
@@ -173,7 +157,7 @@ TEST(SensitivityTable, PositionTurnsWithTheDevice) {
   // The second sample turns by 30 degrees about y.
   evaluator.samples = {OrientationSample(),
                        {0, 0, {0, M_PI / 6.0, 0}, {std::cos(M_PI / 12.0), 0, std::sin(M_PI / 12.0), 0}}};
-  const TableOutput table = printTable(evaluator, true);
+  const testing::PrintedTable table = printTable(evaluator, true);
   std::istringstream lines(table.out);
   std::string ahead, turned;
   std::getline(lines, ahead);
@@ -234,7 +218,7 @@ TEST(ReportLimits, ModelsBeyondTheMatrixAreRefused) {
   CoverageEvaluator evaluator;
   testing::attach(evaluator, tooMany.get());
   evaluator.samples = {OrientationSample()};
-  const TableOutput table = printTable(evaluator);
+  const testing::PrintedTable table = printTable(evaluator);
   EXPECT_EQ(table.out, "");
   EXPECT_NE(table.err.find("at most 32"), std::string::npos);
 }

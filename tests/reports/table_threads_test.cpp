@@ -3,11 +3,9 @@
 // evaluator as the rows one after another on one thread leave it, and their
 // rows must not allocate.
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -21,14 +19,16 @@
 #include "tests/support/allocation_counter.h"
 #include "tests/support/quality_fixtures.h"
 #include "tests/support/surface_fixtures.h"
+#include "tests/support/table_runs.h"
 
 namespace sensorlay {
 namespace {
 
 using testing::TempDir;
 
+using testing::degrees;
+
 constexpr double kFullTurn = 6.283185307179586;
-double degrees(double d) { return d * 0.005555555555555556 * 3.141592653589793; }
 
 // Twelve sensors spread over a 5 cm ball on odd channels, and a thirteenth
 // (channel 25) shut inside a small box: never seen. A plate hangs over one
@@ -66,14 +66,10 @@ struct TableRun {
 };
 
 TableRun printOnThreads(CoverageEvaluator& evaluator, int threads, bool sensitivity) {
-  setDefaultThreadCount(threads);
-  ::testing::internal::CaptureStdout();
-  ::testing::internal::CaptureStderr();
-  sensitivity ? evaluator.printSensitivityTable() : evaluator.printCoverageTable();
-  TableRun run{::testing::internal::GetCapturedStdout(), ::testing::internal::GetCapturedStderr(), evaluator.pose,
-               evaluator.observations->visibleNow, evaluator.observations->everVisible};
-  setDefaultThreadCount(0);
-  return run;
+  WorkerPool pool(threads);
+  const testing::PrintedTable table = testing::printTable(evaluator, pool, sensitivity);
+  return TableRun{table.out, table.err, evaluator.pose, evaluator.observations->visibleNow,
+                  evaluator.observations->everVisible};
 }
 
 TEST(TableThreads, EveryThreadCountPrintsTheOneThreadTable) {
@@ -90,7 +86,7 @@ TEST(TableThreads, EveryThreadCountPrintsTheOneThreadTable) {
           CoverageEvaluator evaluator;
           if (tilt != 0.0) evaluator.stationConfig = {7, degrees(tilt)};
           testing::attach(evaluator, f.model.get(), f.surface.get());
-          evaluator.buildReportGrid(kFullTurn, degrees(step));
+          evaluator.samples = buildReportGrid(kFullTurn, degrees(step));
           evaluator.pose[2] = -1.5;
           runs[threads - 1] = printOnThreads(evaluator, threads, sensitivity);
         }
@@ -139,38 +135,33 @@ TEST(TableThreads, ASensorSeenInOneRowIsSeenWhicheverThreadHadIt) {
     }
 }
 
-TEST(TableThreadsDeathTest, AMissingPositionEndsTheProcessFromTheCaller) {
+TEST(TableThreads, AMissingPositionStopsTheTableAfterTheRowsBefore) {
   // A sensor whose channel leaves the model's index after the observation set
   // was made is still seen, but the grade cannot place it. The worker that
-  // meets it must leave the ending to the calling thread: an exit from a
-  // worker would wait on itself to be joined.
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // meets it leaves the stop to the calling thread, which writes the rows
+  // before it and hands the complaint back.
   Fixture f;
-  EXPECT_EXIT(
-      {
-        std::freopen("/dev/null", "w", stdout);
-        setDefaultThreadCount(2);
-        CoverageEvaluator evaluator;
-        evaluator.model = f.model.get();
-        evaluator.rebuildObservations();
-        f.model->channelIndex.erase(7);
-        evaluator.buildReportGrid(kFullTurn, degrees(5.0));
-        evaluator.printCoverageTable();
-      },
-      ::testing::ExitedWithCode(1), "The sensor model has no position for channel 7\\.");
+  CoverageEvaluator evaluator;
+  evaluator.model = f.model.get();
+  evaluator.rebuildObservations();
+  f.model->channelIndex.erase(7);
+  evaluator.samples = buildReportGrid(kFullTurn, degrees(5.0));
+  const TableRun run = printOnThreads(evaluator, 2, false);
+  EXPECT_EQ(run.err, "The sensor model has no position for channel 7.\n");
+  ASSERT_FALSE(run.out.empty());
+  EXPECT_EQ(run.out.back(), '\n');
+  const size_t rows = static_cast<size_t>(std::count(run.out.begin(), run.out.end(), '\n'));
+  EXPECT_LT(rows, evaluator.samples.size());
+  EXPECT_EQ(printOnThreads(evaluator, 1, false).out, run.out);
 }
 
 // Allocations of one table, sent to /dev/null.
-long allocationsOfTable(CoverageEvaluator& evaluator, bool sensitivity) {
-  std::fflush(stdout);
-  const int saved = dup(1), devNull = open("/dev/null", O_WRONLY);
-  dup2(devNull, 1);
-  const long count = testing::countAllocations(
-      [&] { sensitivity ? evaluator.printSensitivityTable() : evaluator.printCoverageTable(); });
-  std::fflush(stdout);
-  dup2(saved, 1);
-  close(saved);
-  close(devNull);
+long allocationsOfTable(CoverageEvaluator& evaluator, WorkerPool& pool, bool sensitivity) {
+  std::FILE* devNull = std::fopen("/dev/null", "w");
+  const long count = testing::countAllocations([&] {
+    sensitivity ? printSensitivityTable(evaluator, pool, devNull) : printCoverageTable(evaluator, pool, devNull);
+  });
+  std::fclose(devNull);
   return count;
 }
 
@@ -184,25 +175,21 @@ TEST(TableAllocation, RowsAndPoolRunsAllocateNothing) {
   CoverageEvaluator evaluator;
   testing::attach(evaluator, f.model.get(), f.surface.get());
   for (int threads : {1, 2, 3}) {
-    setDefaultThreadCount(threads);
-    WorkerPool& pool = defaultWorkerPool();  // the threads start before counting
+    WorkerPool pool(threads);  // the threads start before counting
     std::atomic<long> sum{0};
     EXPECT_EQ(testing::countAllocations([&] { pool.run(100, [&](int i) { sum += i; }); }), 0) << threads;
     // Over 2701 directions and over 16,471, which take more than one wave of
     // blocks: a cost per row or per block would show as a difference.
     for (bool sensitivity : {false, true}) {
-      ::testing::internal::CaptureStderr();
-      evaluator.buildReportGrid(kFullTurn, degrees(5.0));
-      const long few = allocationsOfTable(evaluator, sensitivity);
-      evaluator.buildReportGrid(kFullTurn, degrees(2.0));
-      const long many = allocationsOfTable(evaluator, sensitivity);
-      ::testing::internal::GetCapturedStderr();
+      evaluator.samples = buildReportGrid(kFullTurn, degrees(5.0));
+      const long few = allocationsOfTable(evaluator, pool, sensitivity);
+      evaluator.samples = buildReportGrid(kFullTurn, degrees(2.0));
+      const long many = allocationsOfTable(evaluator, pool, sensitivity);
       EXPECT_EQ(few, many) << threads << " threads";
       EXPECT_GE(many, 1);  // the set-up is seen: the counter works
       EXPECT_LE(many, 16 + 16 * threads) << threads << " threads";
     }
   }
-  setDefaultThreadCount(0);
 }
 
 }  // namespace

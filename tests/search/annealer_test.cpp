@@ -4,10 +4,12 @@
 
 #include <cmath>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "common/random_draws.h"
+#include "common/worker_pool.h"
 #include "surface/tracked_surface.h"
 #include "tests/support/score_runs.h"
 #include "tests/support/surface_fixtures.h"
@@ -23,12 +25,14 @@ Mesh testBox() { return testing::boxMesh({-0.06f, -0.04f, -0.03f}, {0.06f, 0.04f
 struct SurfaceFixture {
   testing::TempDir dir;
   std::unique_ptr<TrackedSurface> surface;
+  WorkerPool pool{2};
   explicit SurfaceFixture(const Mesh& mesh, uint32_t seed = 7, const Mesh& obstacle = {})
       : surface(testing::buildSurface(dir, mesh, obstacle, seed)) {}
+  AnnealerOptions options(int32_t nSensors) { return AnnealerOptions(*surface, nSensors, pool); }
 };
 
-AnnealerOptions quickOptions(TrackedSurface& surface, int32_t nSensors) {
-  AnnealerOptions options(surface, nSensors);
+AnnealerOptions quickOptions(SurfaceFixture& fixture, int32_t nSensors) {
+  AnnealerOptions options = fixture.options(nSensors);
   options.nOrientations = 30;
   options.nIterations = 2;
   options.coolingRate = 0.5;
@@ -36,11 +40,13 @@ AnnealerOptions quickOptions(TrackedSurface& surface, int32_t nSensors) {
   return options;
 }
 
-// Runs the search and yields what it wrote on the standard error stream.
+// Runs the search and yields what it told of its progress.
 std::string anneal(AnnealerOptions& options, Constellation& result) {
-  ::testing::internal::CaptureStderr();
+  std::ostringstream progress;
+  options.progress = &progress;
   runAnnealer(options, result);
-  return ::testing::internal::GetCapturedStderr();
+  options.progress = nullptr;
+  return progress.str();
 }
 
 // The trials run, counted by their dots after the duration line, leaving out
@@ -71,7 +77,7 @@ TEST(AnnealSchedule, LevelsDurationAndProgress) {
   for (const Case& c :
        {Case{0.96, 195, "389.867"}, Case{0.0, 1, "0"}, Case{0.5, 12, "22.9607"}, Case{std::nan(""), 1, "nan"}}) {
     SCOPED_TRACE(c.rate);
-    AnnealerOptions options(*fixture.surface, 2);
+    AnnealerOptions options = fixture.options(2);
     options.nOrientations = 1;
     options.nIterations = 1;
     options.coolingRate = c.rate;
@@ -111,7 +117,7 @@ TEST(Annealer, PlacementsAreValidAndFixedSensorsStay) {
   fixed.modelPoints = {{0.03f, 0.0f, 0.03f}, {0.06f, 0.0f, 0.0f}};
   fixed.modelNormals = {{0, 0, 1}, {1, 0, 0}};
   SensorModel fixedModel(fixed, ModelTransform());
-  AnnealerOptions options = quickOptions(*fixture.surface, 6);
+  AnnealerOptions options = quickOptions(fixture, 6);
   options.immutableModel = &fixedModel;
   Constellation result;
   anneal(options, result);
@@ -140,7 +146,7 @@ TEST(PlaceInitialSensors, BestCandidateCountsFixedSensors) {
   model->points[0] = Eigen::Vector3d(0.0, 0.0, 0.03);
   model->points[1] = Eigen::Vector3d(0.0, 0.0, -0.03);
   model->immutableCount = 2;
-  placeInitialSensors(AnnealerOptions(*fixture.surface, 5), *model);
+  placeInitialSensors(fixture.options(5), *model);
 
   std::vector<Eigen::Vector3d> placed = {model->points[0], model->points[1]};
   for (size_t i = 2; i < 5; ++i) {
@@ -174,7 +180,7 @@ TEST(PlaceInitialSensors, FirstDrawForTheFirstSensorLastDrawWhenAllTie) {
   for (Eigen::Vector3f& n : normals) twin.surface->randomPlacement(p, n);
   ASSERT_NE(normals[0], normals[19]);
 
-  const AnnealerOptions options(*fixture.surface, 4);
+  const AnnealerOptions options = fixture.options(4);
   auto first = makeEmptySensorModel(1);
   placeInitialSensors(options, *first);
   EXPECT_EQ(first->normals[0], normals[0].cast<double>());
@@ -192,7 +198,7 @@ TEST(PlaceInitialSensors, FirstDrawForTheFirstSensorLastDrawWhenAllTie) {
 // at all the starting placement and its score are reported.
 TEST(Annealer, ReproducibleAndScoredAsReturned) {
   SurfaceFixture first(testBox(), 33), second(testBox(), 33);
-  AnnealerOptions a = quickOptions(*first.surface, 5), b = quickOptions(*second.surface, 5);
+  AnnealerOptions a = quickOptions(first, 5), b = quickOptions(second, 5);
   Constellation ra, rb;
   const std::string err = anneal(a, ra);
   EXPECT_EQ(anneal(b, rb), err);
@@ -210,7 +216,7 @@ TEST(Annealer, ReproducibleAndScoredAsReturned) {
   EXPECT_NEAR(printed.back(), a.finalQualityScore, a.finalQualityScore * 1e-5);
 
   SurfaceFixture third(testBox(), 44);
-  AnnealerOptions none = quickOptions(*third.surface, 4);
+  AnnealerOptions none = quickOptions(third, 4);
   none.nIterations = 0;
   Constellation start;
   EXPECT_EQ(trialDots(anneal(none, start)), 0u);

@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -32,32 +33,46 @@ struct Design {
   std::vector<Trial> trials;
   Constellation best;
   double bestScore = 0.0;
-  std::string progress;  // the standard error stream of the run
+  std::string progress;
 };
+
+// The options of a short search on `surface` with a fixed trial seed.
+AnnealerOptions searchOptions(TrackedSurface& surface, WorkerPool& pool, int32_t iterations, int32_t orientations,
+                              double coolingRate, uint32_t seed) {
+  AnnealerOptions options(surface, 20, pool);
+  options.nIterations = iterations;
+  options.nOrientations = orientations;
+  options.coolingRate = coolingRate;
+  options.annealSeed = seed;
+  return options;
+}
 
 // A short design on the headset with the head in the way, with fixed seeds
 // for the surface's draws and the trial generator.
-Design design(bool reference, int32_t iterations = 1, double coolingRate = 0.7) {
+Design design(bool reference, int threads) {
   TrackedSurface surface(kSamples + "headset.stl", {kSamples + "headset_head.stl"});
   surface.seedGenerator(21);
+  WorkerPool pool(threads);
   auto model = makeEmptySensorModel(20);
   model->cosMaxIncidence = std::cos(59.0 * 0.017453292519943295);
-  placeInitialSensors(AnnealerOptions(surface, 20), *model);
+  AnnealerOptions options = searchOptions(surface, pool, 1, 200, 0.7, 5u);
+  placeInitialSensors(options, *model);
   Design out;
-  ::testing::internal::CaptureStderr();
-  Annealer annealer(*model, surface, "", iterations, 200, coolingRate, -1.0, -1.0, 5u);
+  std::ostringstream progress;
+  options.progress = &progress;
+  Annealer annealer(*model, options);
   annealer.useReferenceScore = reference;
   annealer.trialObserver = [&out](int32_t sensor, double score, bool accepted) {
     out.trials.push_back({sensor, score, accepted});
   };
   annealer.anneal(out.best);
-  out.progress = ::testing::internal::GetCapturedStderr();
+  out.progress = progress.str();
   out.bestScore = annealer.bestScore;
   return out;
 }
 
 TEST(FastAnnealer, SameSearchAsOnTheReferenceScoreOnOneThreadAndOnTwo) {
-  const Design slow = design(true);
+  const Design slow = design(true, 1);
   ASSERT_GT(slow.trials.size(), 400u);
   int kept = 0;
   for (const Trial& trial : slow.trials) kept += trial.accepted ? 1 : 0;
@@ -67,9 +82,7 @@ TEST(FastAnnealer, SameSearchAsOnTheReferenceScoreOnOneThreadAndOnTwo) {
   EXPECT_NE(slow.progress.find('('), std::string::npos);
   std::vector<double> oneThread;
   for (int threads : {1, 2}) {
-    testing::ThreadCount count(threads);
-    ASSERT_EQ(defaultWorkerPool().size(), threads);
-    const Design fast = design(false);
+    const Design fast = design(false, threads);
     SCOPED_TRACE(std::to_string(threads) + " threads");
     ASSERT_EQ(fast.trials.size(), slow.trials.size());
     for (size_t i = 0; i < fast.trials.size(); ++i) {
@@ -95,20 +108,17 @@ TEST(FastAnnealer, TrialsAllocateNothing) {
 
   // A whole search allocates in its set-up only: as much for one level of
   // trials as for four, on two threads.
-  testing::ThreadCount count(2);
-  defaultWorkerPool();
+  WorkerPool pool(2);
   TrackedSurface surface(kSamples + "headset.stl", {kSamples + "headset_head.stl"});
   surface.seedGenerator(2);
   auto model = makeEmptySensorModel(20);
   model->cosMaxIncidence = 0.5;
-  placeInitialSensors(AnnealerOptions(surface, 20), *model);
+  placeInitialSensors(searchOptions(surface, pool, 1, 300, 0.5, 3u), *model);
   long perRun[2];
   for (int iterations : {1, 4}) {
-    ::testing::internal::CaptureStderr();
-    Annealer search(*model, surface, "", iterations, 300, 0.5, -1.0, -1.0, 3u);
+    Annealer search(*model, searchOptions(surface, pool, iterations, 300, 0.5, 3u));
     Constellation result;
     perRun[iterations == 1 ? 0 : 1] = testing::countAllocations([&] { search.anneal(result); });
-    ::testing::internal::GetCapturedStderr();
   }
   EXPECT_EQ(perRun[0], perRun[1]);
 }

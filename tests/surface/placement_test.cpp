@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <iostream>
 
 #include "tests/support/surface_fixtures.h"
 
@@ -108,6 +109,7 @@ TEST(RandomPlacementDeathTest, ASurfaceWithoutRoomWarnsAndKeepsSearching) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   TempDir dir;
   auto s = buildSurface(dir, sphereMesh(0.004f, 16, 32));
+  s->notices = &std::cerr;
   auto searchForever = [&] {
     alarm(3);  // the search never ends; the alarm stops the child after the warning
     V3 point;
