@@ -110,7 +110,7 @@ export function fillLegend(colouring) {
     const span = Math.log10(scale.high / scale.low);
     parts.push(
       el('div', { className: 'bar', style: `background:linear-gradient(to right, ${stops.join(', ')})` }),
-      el('div', { className: 'ticks' }, ...ticks.map((t) => el('span', { style: `left:${(100 * Math.log10(t / scale.low)) / span}%` }, `${t}${unit}`))),
+      el('div', { className: 'ticks' }, ...ticks.map((t) => el('span', { style: `left:${(100 * Math.log10(t / scale.low)) / span}%` }, `${t}${unit === '°' ? '' : ' '}${unit}`))),
       el('div', { className: 'legend-note muted' }, `Logarithmic; values beyond the ends take the end colours.`),
     );
   }
