@@ -90,9 +90,9 @@ export function fillObstacleToggles(design, onToggle) {
 }
 
 export function fillLegend(colouring) {
-  const spec = COLOURINGS[colouring];
-  const legend = spec.legend();
-  const parts = [el('h2', {}, spec.label)];
+  const scheme = COLOURINGS[colouring];
+  const legend = scheme.legend();
+  const parts = [el('h2', {}, scheme.label)];
   if (legend.kind === 'steps') {
     const swatch = (item) => el('span', { className: 'swatch', style: `background:${rgbCss(item.rgb)}` });
     if (legend.across) {
