@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "app/modes.h"
+#include "common/rotation.h"
 #include "device/model_loading.h"
 #include "model/scad_writer.h"
 #include "quality/coverage_evaluator.h"
@@ -14,13 +15,7 @@ namespace sensorlay {
 
 namespace {
 
-constexpr double kDegreeFraction = 0.005555555555555556;  // 1 / 180
-constexpr double kPi = 3.141592653589793;
 constexpr double kFullTurn = 6.283185307179586;
-
-// Degrees to radians, multiplied in this order so that the grid's running
-// sums round the same way on every build.
-double toRadians(double degrees) { return degrees * kDegreeFraction * kPi; }
 
 }  // namespace
 
@@ -37,7 +32,7 @@ int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface
     return 1;
   }
 
-  const double step = toRadians(options.angleResolutionDegrees);
+  const double step = degreesToRadians(options.angleResolutionDegrees);
   const uint64_t rows = estimateReportRows(kFullTurn, step);
   if (rows > kReportRowLimit) {
     if (!(step > 0.0) || !std::isfinite(step))
@@ -51,7 +46,7 @@ int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface
 
   // The plain angle of the option, also after a design run: the design's
   // margin belongs to the search only.
-  model.cosMaxIncidence = std::cos(toRadians(options.maxIncidenceAngle));
+  model.cosMaxIncidence = std::cos(degreesToRadians(options.maxIncidenceAngle));
 
   CoverageEvaluator evaluator;
   evaluator.model = &model;
@@ -60,18 +55,18 @@ int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface
   evaluator.surface = surface;
   evaluator.rebuildObservations();
   if (options.srbTiltRadians != 0.0) {
-    evaluator.stationConfig.stationKind = 7;
+    evaluator.stationConfig.stationKind = StationKind::TiltedRotor;
     evaluator.stationConfig.tiltRadians = options.srbTiltRadians;
     evaluator.rebuildObservations();
   }
 
-  evaluator.samples = buildReportGrid(kFullTurn, step);
+  const std::vector<OrientationSample> grid = buildReportGrid(kFullTurn, step);
   // The sign of the distance is ignored: the device always stands in front.
-  evaluator.pose[2] = -std::fabs(options.distanceBaseMeters);
+  evaluator.position.z() = -std::fabs(options.distanceBaseMeters);
 
   const Result<std::vector<int32_t>> unseen = options.baseStationSensitivity
-                                                  ? printSensitivityTable(evaluator, pool, stdout)
-                                                  : printCoverageTable(evaluator, pool, stdout);
+                                                  ? printSensitivityTable(evaluator, grid, pool, stdout)
+                                                  : printCoverageTable(evaluator, grid, pool, stdout);
   if (!unseen) {
     std::cerr << unseen.message() << std::endl;
     return 1;

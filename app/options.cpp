@@ -6,17 +6,13 @@
 #include <string>
 #include <utility>
 
+#include "common/rotation.h"
+#include "model/constellation.h"
 #include "tools/tools.h"
 
 namespace sensorlay {
 
 namespace {
-
-constexpr int32_t kMaxSensors = 32;
-
-// Degrees to radians in the order the tools have always multiplied: by 1/180
-// first, then by pi, so the stored radians match to the last bit.
-double degreesToRadians(double degrees) { return degrees * 0.005555555555555556 * 3.141592653589793; }
 
 // "%d" and "%lf" skip leading blanks and ignore trailing text: "12abc" reads
 // as 12. A token that yields nothing leaves the field as it was.

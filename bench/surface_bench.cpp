@@ -116,7 +116,7 @@ void BM_IsSensorVisible(benchmark::State& state) {
     c.modelNormals.push_back(normal);
   }
   SensorModel model(c, ModelTransform());
-  const double pose[7] = {0, 0, -2, 1, 0, 0, 0};
+  const StationPose pose = {{0, 0, -2}, {1, 0, 0, 0}};
   int64_t visible = 0, k = 0;
   for (auto _ : state) {
     const SensorVisibilityTest test{&model, static_cast<int32_t>(k++ & 31), &s};

@@ -25,6 +25,8 @@ QuaternionXyzw rotationBetween(const Eigen::Vector3d& fromIn, const Eigen::Vecto
     // first and Y when `from` lies (nearly) along X.
     Eigen::Vector3d axis(0.0, -from.z(), from.y());
     if (axis.squaredNorm() < 1.1920928955078125e-07) axis = Eigen::Vector3d(from.z(), 0.0, -from.x());
+    // Twice: the second pass can still move the last bit, and the IMU poses
+    // written so far depend on it.
     axis /= axis.norm();
     axis /= axis.norm();
     // cos(pi / 2) as a 64-bit float, not a rounded zero.

@@ -9,6 +9,16 @@
 
 namespace sensorlay {
 
+// Degrees to radians, multiplied by 1/180 and then by pi: the command line's
+// angles are taken so, and the tables' grid, a running sum of such steps,
+// lands on its end points or misses them by this rounding.
+inline double degreesToRadians(double degrees) { return degrees * 0.005555555555555556 * 3.141592653589793; }
+
+// Degrees to radians in one multiplication, which rounds apart from
+// degreesToRadians: the search's incidence limit and the surface angle limit
+// are taken so, and the designs made so far depend on it.
+constexpr double kRadiansPerDegree = 0.017453292519943295;
+
 // The quaternion (w, x, y, z) of rotation matrix `m`, from the trace when it
 // is positive and otherwise from the largest diagonal element, with w made
 // not negative. A matrix of not-a-numbers gives not-a-numbers.

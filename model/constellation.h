@@ -17,6 +17,10 @@ class Value;
 
 namespace sensorlay {
 
+// The most sensors a run takes: the noise model has rows for 32 sensors seen
+// at once, and the tables keep one mask bit per channel below 32.
+constexpr int32_t kMaxSensors = 32;
+
 // The design's result and the model file's content, in metres and single
 // precision. The three sequences run in parallel by index.
 struct Constellation {

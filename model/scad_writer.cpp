@@ -115,6 +115,8 @@ std::string sensorRotateExpression(const Eigen::Vector3f& normal) {
     const float squaredLength = axis.x() * axis.x() + axis.y() * axis.y() + axis.z() * axis.z();
     if (squaredLength > 0.0f) axis /= std::sqrt(squaredLength);
   }
+  // The dot product with +Z written out in full: an infinite or not-a-number
+  // x or y makes the angle not-a-number, as the whole product does.
   const float cosine = normal.x() * 0.0f + normal.y() * 0.0f + normal.z() * 1.0f;
   const float radians = std::acos(cosine);
   const float halfTurns = radians * 180.0f;

@@ -3,6 +3,7 @@
 #include <ceres/rotation.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 
 namespace sensorlay {
@@ -22,20 +23,20 @@ inline double valueOf(const PoseJet& j) { return j.a; }
 
 }  // namespace
 
-int32_t sweepKindForStation(int32_t stationKind) {
-  switch (stationKind) {
+SweepKind sweepKindForStation(StationKind stationKind) {
+  switch (static_cast<int32_t>(stationKind)) {
     case 7:
     case 8:
-      return 2;
+      return SweepKind::TiltedRotorA;
     case 10:
-      return 3;
+      return SweepKind::TiltedRotorB;
     case 11:
-      return 4;
+      return SweepKind::TiltedRotorC;
     case 13:
     case 14:
-      return 5;
+      return SweepKind::TiltedRotorD;
     default:
-      return 1;
+      return SweepKind::TwoSweeps;
   }
 }
 
@@ -47,7 +48,7 @@ std::unique_ptr<SweepObservationSet> makeObservationSet(const SensorModel* model
   const size_t n = model != nullptr ? model->points.size() : 0;
   const size_t channelCount = model != nullptr ? model->channels.size() : 0;
   if (n > 0) {
-    const int32_t sweepKind = sweepKindForStation(stationConfig.stationKind);
+    const SweepKind sweepKind = sweepKindForStation(stationConfig.stationKind);
     set->sensorSweeps.reserve(n);
     set->visibilityTests.reserve(n);
     set->visibleNow.reserve(n);
@@ -71,18 +72,52 @@ std::unique_ptr<SweepObservationSet> makeObservationSet(const SensorModel* model
   return set;
 }
 
-template <typename T>
-void sensorInStationFrame(const SensorSweep& sweep, const T stationPose[7], T X[3]) {
-  const Eigen::Vector3d& p = sweep.model->points[static_cast<size_t>(sweep.sensorIndex)];
-  const T point[3] = {T(p.x()), T(p.y()), T(p.z())};
-  ceres::UnitQuaternionRotatePoint(stationPose + 3, point, X);
-  X[0] += stationPose[0];
-  X[1] += stationPose[1];
-  X[2] += stationPose[2];
+int32_t markVisibleSensors(SweepObservationSet& set, const StationPose& pose) {
+  assert(set.visibleNow.size() == set.visibilityTests.size() && set.everVisible.size() == set.visibilityTests.size());
+  int32_t count = 0;
+  const size_t n = set.visibilityTests.size();
+  for (size_t i = 0; i < n; ++i) {
+    const bool visible = isSensorVisible(set.visibilityTests[i], pose);
+    set.visibleNow[i] = visible;
+    if (visible) {
+      set.everVisible[i] = true;
+      ++count;
+    }
+  }
+  return count;
+}
+
+PoseParametersOf<PoseJet> differentiable(const PoseParameters& parameters) {
+  PoseParametersOf<PoseJet> jets;
+  for (int k = 0; k < 3; ++k) {
+    jets.position[k] = PoseJet(parameters.position[k], k);
+    jets.rotationVector[k] = PoseJet(parameters.rotationVector[k], 3 + k);
+  }
+  return jets;
 }
 
 template <typename T>
-bool sweepAngles(const SensorSweep& sweep, const T stationPose[7], T rowPair[2]) {
+StationPoseOf<T> stationPoseOf(const PoseParametersOf<T>& parameters) {
+  StationPoseOf<T> pose = {{parameters.position[0], parameters.position[1], parameters.position[2]},
+                           {T(1.0), T(0.0), T(0.0), T(0.0)}};
+  ceres::AngleAxisToQuaternion(parameters.rotationVector, pose.quaternion);
+  return pose;
+}
+
+template <typename T>
+void sensorInStationFrame(const SensorSweep& sweep, const StationPoseOf<T>& pose, T X[3]) {
+  assert(sweep.model != nullptr && sweep.sensorIndex >= 0 &&
+         static_cast<size_t>(sweep.sensorIndex) < sweep.model->points.size());
+  const Eigen::Vector3d& p = sweep.model->points[static_cast<size_t>(sweep.sensorIndex)];
+  const T point[3] = {T(p.x()), T(p.y()), T(p.z())};
+  ceres::UnitQuaternionRotatePoint(pose.quaternion, point, X);
+  X[0] += pose.position[0];
+  X[1] += pose.position[1];
+  X[2] += pose.position[2];
+}
+
+template <typename T>
+bool sweepAngles(const SensorSweep& sweep, const StationPoseOf<T>& pose, T rowPair[2]) {
   using std::asin;
   using std::atan2;
   using std::sqrt;
@@ -94,21 +129,21 @@ bool sweepAngles(const SensorSweep& sweep, const T stationPose[7], T rowPair[2])
     return false;
 
   T X[3];
-  sensorInStationFrame(sweep, stationPose, X);
+  sensorInStationFrame(sweep, pose, X);
   const T& x = X[0];
   const T& y = X[1];
   const T& z = X[2];
 
   switch (sweep.sweepKind) {
-    case 1:
+    case SweepKind::TwoSweeps:
       // Two orthogonal sweeps, in the XZ and the YZ plane; pi/2 is straight ahead.
       rowPair[0] = atan2(-z, x);
       rowPair[1] = atan2(-z, -y);
       return true;
-    case 2:
-    case 3:
-    case 4:
-    case 5: {
+    case SweepKind::TiltedRotorA:
+    case SweepKind::TiltedRotorB:
+    case SweepKind::TiltedRotorC:
+    case SweepKind::TiltedRotorD: {
       // One rotor with two planes tilted by +-tilt: the same rotor angle is read
       // twice, a third of a turn apart, shifted by the elevation term B.
       const double tilt = sweep.stationConfig != nullptr ? sweep.stationConfig->tiltRadians : 0.0;
@@ -119,19 +154,21 @@ bool sweepAngles(const SensorSweep& sweep, const T stationPose[7], T rowPair[2])
       if (w > 1.0 || !(w >= -1.0)) return false;
       const T B = asin(W);
       const T lead = kPiOver6 + A;
+      // The offset joins the rotor angle before the elevation term does: that
+      // grouping decides the rounding, and the designs made so far depend on
+      // it. Subtracting -B adds B exactly; it is kept so that the two rows
+      // read alike.
       rowPair[0] = lead - (-B);
       rowPair[1] = (lead - B) + kTwoPiOver3;
       return true;
     }
-    default:
-      return false;
   }
+  return false;
 }
 
 template <typename T>
-bool evaluateObservations(const SweepObservationSet& set, const T pose[6], T* outputs) {
-  T stationPose[7] = {pose[0], pose[1], pose[2], T(1.0), T(0.0), T(0.0), T(0.0)};
-  ceres::AngleAxisToQuaternion(pose + 3, stationPose + 3);
+bool evaluateObservations(const SweepObservationSet& set, const PoseParametersOf<T>& pose, T* outputs) {
+  const StationPoseOf<T> stationPose = stationPoseOf(pose);
 
   bool ok = true;
   size_t row = 0;
@@ -145,7 +182,7 @@ bool evaluateObservations(const SweepObservationSet& set, const T pose[6], T* ou
   return ok;
 }
 
-bool differentiateObservations(const SweepObservationSet& set, const double poseParameters[6], int32_t rowCount,
+bool differentiateObservations(const SweepObservationSet& set, const PoseParameters& pose, int32_t rowCount,
                                double* angles, double* jacobian) {
   int32_t visible = 0;
   const size_t n = std::min(set.sensorSweeps.size(), set.visibleNow.size());
@@ -155,17 +192,13 @@ bool differentiateObservations(const SweepObservationSet& set, const double pose
   // evaluation write past the caller's buffers or leave rows unset.
   if (visible > kMaxObservationRows / 2 || rowCount != 2 * visible) return false;
 
-  // Each parameter carries a unit derivative in its own slot.
-  PoseJet parameters[6];
-  for (int k = 0; k < 6; ++k) parameters[k] = PoseJet(poseParameters[k], k);
-
   PoseJet outputs[kMaxObservationRows];
   for (int32_t r = 0; r < rowCount; ++r) {
     outputs[r].a = kUnwritten;
     outputs[r].v.setConstant(kUnwritten);
   }
 
-  if (!evaluateObservations(set, parameters, outputs)) return false;
+  if (!evaluateObservations(set, differentiable(pose), outputs)) return false;
 
   for (int32_t r = 0; r < rowCount; ++r) {
     if (angles != nullptr) angles[r] = outputs[r].a;
@@ -175,11 +208,13 @@ bool differentiateObservations(const SweepObservationSet& set, const double pose
   return true;
 }
 
-template bool evaluateObservations<double>(const SweepObservationSet&, const double[6], double*);
-template bool evaluateObservations<PoseJet>(const SweepObservationSet&, const PoseJet[6], PoseJet*);
-template bool sweepAngles<double>(const SensorSweep&, const double[7], double[2]);
-template bool sweepAngles<PoseJet>(const SensorSweep&, const PoseJet[7], PoseJet[2]);
-template void sensorInStationFrame<double>(const SensorSweep&, const double[7], double[3]);
-template void sensorInStationFrame<PoseJet>(const SensorSweep&, const PoseJet[7], PoseJet[3]);
+template StationPoseOf<double> stationPoseOf<double>(const PoseParametersOf<double>&);
+template StationPoseOf<PoseJet> stationPoseOf<PoseJet>(const PoseParametersOf<PoseJet>&);
+template bool evaluateObservations<double>(const SweepObservationSet&, const PoseParametersOf<double>&, double*);
+template bool evaluateObservations<PoseJet>(const SweepObservationSet&, const PoseParametersOf<PoseJet>&, PoseJet*);
+template bool sweepAngles<double>(const SensorSweep&, const StationPoseOf<double>&, double[2]);
+template bool sweepAngles<PoseJet>(const SensorSweep&, const StationPoseOf<PoseJet>&, PoseJet[2]);
+template void sensorInStationFrame<double>(const SensorSweep&, const StationPoseOf<double>&, double[3]);
+template void sensorInStationFrame<PoseJet>(const SensorSweep&, const StationPoseOf<PoseJet>&, PoseJet[3]);
 
 }  // namespace sensorlay

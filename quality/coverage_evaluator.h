@@ -1,36 +1,25 @@
 #pragma once
-// The object on which coverage and tracking quality are computed: a sensor
-// model, the surface that occludes it, the sampled orientations, the quality
-// map and curve, and the one modelled base station.
+// A sensor model as the one modelled base station sees it: the model, the
+// surface that occludes it, the station, the observation records built from
+// them and where the device stands; with the quality map and the placement
+// score judged on them.
 
 #include <Eigen/Core>
 
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "common/result.h"
 #include "model/constellation.h"
 #include "observation/sweep_model.h"
+#include "quality/placement_score.h"
 #include "quality/quality_map.h"
 
 namespace sensorlay {
 
 class TrackedSurface;
-struct ScoreScratch;  // quality/score_scratch.h
-
-// Thirteen 64-bit floats; see sampleOrientations and buildReportGrid.
-struct OrientationSample {
-  double latitude = 0.0;
-  double longitude = 0.0;
-  double rotationVector[3] = {0.0, 0.0, 0.0};
-  double quaternion[4] = {1.0, 0.0, 0.0, 0.0};  // w, x, y, z
-  double direction[3] = {0.0, 0.0, 1.0};
-  double weight = 1.0;
-};
 
 class CoverageEvaluator {
  public:
@@ -41,32 +30,26 @@ class CoverageEvaluator {
   CoverageEvaluator& operator=(const CoverageEvaluator&) = delete;
 
   // Replaces the observation set from `model`, `surface` and `stationConfig`.
+  // Needed when one of them changes, not when a sensor moves.
   void rebuildObservations();
 
-  // Orientation samples (quality/orientation_samples.cpp), weighted by the
-  // quality map. Yields the factor that rescaled the weights to average 1, or
-  // nothing when they add up to nothing.
-  std::optional<double> sampleOrientations(int32_t count);
   // Replaces the quality map by the one at `path`; an empty path means no
   // map, and so does a map that cannot be read, whose complaint comes back.
   Status loadQualityMap(const std::string& path);
-  // Score (quality/score.cpp).
-  double scorePlacement();
-  void setQualityRange(double low, double high);
+  // The score's samples, weighted by the quality map.
+  std::optional<double> sampleOrientations(int32_t count) { return score.sampleOrientations(count, qualityMap); }
+  void setQualityRange(double low, double high) { score.curve = QualityCurve::forRange(low, high); }
+  // The placement score of the model as it stands.
+  double scorePlacement() { return score.evaluate(*observations, position); }
+
   SensorModel* model = nullptr;
   const TrackedSurface* surface = nullptr;
-  std::unique_ptr<SweepObservationSet> observations;
-  Eigen::MatrixXd measurementInformation;  // 64 x 64
-  std::array<double, 7> pose = {0.0, 0.0, -2.0, 1.0, 0.0, 0.0, 0.0};
-  double qualityBase = 0.9640275800758169;
-  double qualityGain = 100.0;
-  double qualityBias = -2.0;
   StationConfig stationConfig;
-  std::vector<OrientationSample> samples;
-  double scoreScale = 1.0;
+  std::unique_ptr<SweepObservationSet> observations;
+  // The device's position in the station's frame: in front, along -Z.
+  Eigen::Vector3d position{0.0, 0.0, -2.0};
   QualityMap qualityMap;
-  // Buffers that scorePlacement reuses from sample to sample and call to call.
-  std::unique_ptr<ScoreScratch> scoreScratch;
+  PlacementScore score;
 };
 
 }  // namespace sensorlay

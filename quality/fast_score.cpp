@@ -3,6 +3,7 @@
 #include <ceres/rotation.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 
 #include "common/worker_pool.h"
@@ -19,9 +20,6 @@
 namespace sensorlay {
 
 namespace {
-
-// The most sensors one sample can weigh: two rows each in 64.
-constexpr int kMaxSeen = kMaxObservationRows / 2;
 
 // Samples per task of the worker pool: enough to pay for the hand-out, few
 // enough that two threads finish close together.
@@ -186,8 +184,8 @@ struct FastScorer::FacingTest {
 bool FastScorer::visible(int32_t s, int32_t sensor, const FacingTest& facing) const {
   if (!facing.mayFace(objectTranslations_.data() + static_cast<size_t>(s) * 4)) return false;
   const SampleFrame& f = frames_[static_cast<size_t>(s)];
-  const double pose[7] = {translation_[0], translation_[1], translation_[2], f.quaternion[0],
-                          f.quaternion[1], f.quaternion[2], f.quaternion[3]};
+  const StationPose pose = {{translation_[0], translation_[1], translation_[2]},
+                            {f.quaternion[0], f.quaternion[1], f.quaternion[2], f.quaternion[3]}};
   return isSensorVisible(evaluator_.observations->visibilityTests[static_cast<size_t>(sensor)], pose);
 }
 
@@ -242,12 +240,9 @@ double FastScorer::referenceValue(int32_t s, uint64_t mask, int worker) {
 
   ScoreScratch::Jacobian& J = scratch.jacobian;
   J.setZero(rows, 6);
-  const double parameters[6] = {translation_[0],     translation_[1],     translation_[2],
-                                f.rotationVector[0], f.rotationVector[1], f.rotationVector[2]};
-  PoseJet pose[6];
-  for (int k = 0; k < 6; ++k) pose[k] = PoseJet(parameters[k], k);
-  PoseJet stationPose[7] = {pose[0], pose[1], pose[2], PoseJet(1.0), PoseJet(0.0), PoseJet(0.0), PoseJet(0.0)};
-  ceres::AngleAxisToQuaternion(pose + 3, stationPose + 3);
+  const PoseParameters parameters = {{translation_[0], translation_[1], translation_[2]},
+                                     {f.rotationVector[0], f.rotationVector[1], f.rotationVector[2]}};
+  const StationPoseOf<PoseJet> stationPose = stationPoseOf(differentiable(parameters));
   bool ok = true;
   int32_t row = 0;
   for (uint64_t m = mask; m != 0; m &= m - 1) {
@@ -266,7 +261,7 @@ double FastScorer::referenceValue(int32_t s, uint64_t mask, int worker) {
   // A failed evaluation writes nothing, and J stays zero.
   if (!ok) J.setZero();
 
-  return sampleValue(evaluator_, scratch, rows);
+  return evaluator_.score.sampleValue(scratch, rows);
 }
 
 double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, int worker, bool& reference) {
@@ -275,7 +270,7 @@ double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, in
   const int seen = __builtin_popcountll(mask);
   // Unweighted, as in scorePlacement.
   if (seen == 0) return kNoAnswer;
-  if (seen > kMaxSeen) return kNoAnswer * f.weight;
+  if (seen > kMaxSensors) return kNoAnswer * f.weight;
   if (seen < 3 || total[kOversizedAt] != 0) {
     reference = true;
     return referenceValue(s, mask, worker) * f.weight;
@@ -338,9 +333,7 @@ double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, in
   const double rotationUnit = rotationScale_ * rotationScale_;
   const double x = std::sqrt(variance[0] + variance[1] + variance[2]) +
                    std::sqrt((variance[3] + variance[4] + variance[5]) * rotationUnit);
-  const double value = std::isnan(x)
-                           ? kNoAnswer
-                           : std::tanh(evaluator_.qualityGain * x + evaluator_.qualityBias) + evaluator_.qualityBase;
+  const double value = std::isnan(x) ? kNoAnswer : evaluator_.score.curve(x);
   return value * f.weight;
 }
 
@@ -433,9 +426,9 @@ void FastScorer::evaluateSampleFully(int32_t s, int worker, TaskCounts& counts) 
 }
 
 void FastScorer::finish() {
-  // What scorePlacement leaves behind besides the score: every sensor seen
-  // in some sample marked as ever visible, and the bit list and the pose of
-  // the last sample that was not skipped.
+  // What the reference score leaves behind besides the score: every sensor
+  // seen in some sample marked as ever visible, and the bit list of the last
+  // sample that was not skipped.
   int64_t evaluated = 0, reference = 0;
   uint64_t seen = 0;
   for (const TaskCounts& counts : taskCounts_) {
@@ -451,13 +444,8 @@ void FastScorer::finish() {
     if (seen >> k & 1) set.everVisible[static_cast<size_t>(k)] = true;
   if (lastSample_ < 0) return;
 
-  const SampleFrame& f = frames_[static_cast<size_t>(lastSample_)];
   const uint64_t mask = masks_[static_cast<size_t>(lastSample_)];
   for (int32_t k = 0; k < sensorCount_; ++k) set.visibleNow[static_cast<size_t>(k)] = (mask >> k & 1) != 0;
-  for (int i = 0; i < 4; ++i) evaluator_.pose[static_cast<size_t>(3 + i)] = f.quaternion[i];
-  const int seenThere = __builtin_popcountll(mask);
-  if (seenThere >= 1 && seenThere <= kMaxSeen)
-    for (int i = 0; i < 3; ++i) evaluator_.pose[static_cast<size_t>(3 + i)] = f.rotationVector[i];
 }
 
 namespace {
@@ -514,10 +502,10 @@ void FastScorer::orderSamples() {
   // this order cast their rays from one sensor in nearly the same direction,
   // through the same part of the scene, and tend to see the same sensors.
   // Only the work follows it; the terms are still added in sample order.
-  const size_t n = evaluator_.samples.size();
+  const size_t n = evaluator_.score.samples.size();
   std::vector<std::pair<double, int32_t>> keys(n);
   for (size_t s = 0; s < n; ++s) {
-    const double* d = evaluator_.samples[s].direction;
+    const double* d = evaluator_.score.samples[s].direction;
     double band = std::floor((d[2] + 1.0) * 0.5 * kDirectionBands);
     band = std::isfinite(band) ? std::min(std::max(band, 0.0), kDirectionBands - 1.0) : 0.0;
     double azimuth = std::atan2(d[1], d[0]);
@@ -545,7 +533,7 @@ double FastScorer::scoreAll() {
   for (size_t k = 0; incremental_ && k < set->visibilityTests.size(); ++k) {
     const SensorSweep& sweep = set->sensorSweeps[k];
     const SensorVisibilityTest& test = set->visibilityTests[k];
-    incremental_ = sweep.sweepKind == 1 && sweep.model == model && test.model == model &&
+    incremental_ = sweep.sweepKind == SweepKind::TwoSweeps && sweep.model == model && test.model == model &&
                    sweep.sensorIndex == static_cast<int32_t>(k) && test.sensorIndex == static_cast<int32_t>(k);
   }
   if (!incremental_) {
@@ -554,8 +542,8 @@ double FastScorer::scoreAll() {
   }
 
   sensorCount_ = static_cast<int32_t>(set->visibilityTests.size());
-  sampleCount_ = static_cast<int32_t>(evaluator_.samples.size());
-  for (int i = 0; i < 3; ++i) translation_[i] = evaluator_.pose[static_cast<size_t>(i)];
+  sampleCount_ = static_cast<int32_t>(evaluator_.score.samples.size());
+  for (int i = 0; i < 3; ++i) translation_[i] = evaluator_.position[i];
 
   const size_t n = static_cast<size_t>(sampleCount_);
   orderSamples();
@@ -564,7 +552,7 @@ double FastScorer::scoreAll() {
   taskCounts_.assign(static_cast<size_t>((sampleCount_ + kSamplesPerTask - 1) / kSamplesPerTask), TaskCounts());
   forEachTask([this](int32_t first, int32_t end, int, TaskCounts&) {
     for (int32_t s = first; s < end; ++s) {
-      const OrientationSample& sample = evaluator_.samples[static_cast<size_t>(order_[static_cast<size_t>(s)])];
+      const OrientationSample& sample = evaluator_.score.samples[static_cast<size_t>(order_[static_cast<size_t>(s)])];
       SampleFrame& f = frames_[static_cast<size_t>(s)];
       std::copy(sample.quaternion, sample.quaternion + 4, f.quaternion);
       std::copy(sample.rotationVector, sample.rotationVector + 3, f.rotationVector);
@@ -636,6 +624,7 @@ double FastScorer::scoreAll() {
 
 double FastScorer::scoreMove(int32_t sensor) {
   if (!incremental_) return evaluator_.scorePlacement();
+  assert(sensor >= 0 && sensor < sensorCount_);
   if (openSensor_ >= 0) accept();
   openSensor_ = sensor;
   forEachTask([this, sensor](int32_t first, int32_t end, int worker, TaskCounts& counts) {
@@ -652,7 +641,7 @@ double FastScorer::sumTerms() const {
   // it is, and this one starts at +0.0 and so never becomes -0.0.
   double sum = 0.0;
   for (const int32_t at : position_) sum += terms_[static_cast<size_t>(at)];
-  return sum * evaluator_.scoreScale;
+  return sum * evaluator_.score.scoreScale;
 }
 
 void FastScorer::accept() {

@@ -1,6 +1,6 @@
 #pragma once
 // The placement score for a search that moves one sensor at a time. It gives
-// the value of CoverageEvaluator::scorePlacement, but keeps per sample which
+// the value of PlacementScore::evaluate, but keeps per sample which
 // sensors are seen and what each adds to the information matrix, so that a
 // trial recomputes only the moved sensor, and only in the samples where that
 // sensor is seen before or after the move.
@@ -11,9 +11,14 @@
 // surface, so that it is the same for every placement on it), never of the
 // moves that led to it; and the terms are added on the calling thread in
 // sample order. So the score depends neither on the history nor on the number
-// of threads, and a move that no sample sees leaves it bit for bit the same. A sample that sees fewer than 3 sensors,
-// or whose information matrix is close to singular, goes through the reference's own computation, so that the rounding
-// inside a singular LU decides it exactly as it does there.
+// of threads, and a move that no sample sees leaves it bit for bit the same.
+// A sample that sees fewer than 3 sensors, or whose information matrix is
+// close to singular, goes through the reference's own computation, so that the
+// rounding inside a singular LU decides it exactly as it does there.
+//
+// The noise model as the fast path uses it: the top-left block of any size of
+// the information matrix is (I - g (e e^T + o o^T)) / s2 (see
+// quality/placement_score.h).
 
 #include <cstdint>
 #include <memory>
@@ -40,14 +45,6 @@ StationRotation stationRotation(const double rotationVector[3]);
 // atan2(-z, x) and atan2(-z, -y) of X = R p + t, in closed form: columns 0 to
 // 2 the translation, 3 to 5 the rotation vector.
 void twoSweepRows(const StationRotation& frame, const double translation[3], const double point[3], double rows[12]);
-
-// The noise model as the fast path uses it: the top-left block of any size of
-// CoverageEvaluator::measurementInformation is (I - g (e e^T + o o^T)) / s2,
-// with e and o the indicators of the even and the odd rows.
-constexpr double kAngleVariance = 2.2206609902451057e-9;        // s2
-constexpr double kSharedAngleVariance = 1.579136704174297e-10;  // t2
-// g = t2 / (s2 + 32 t2)
-constexpr double kSharedAngleShare = kSharedAngleVariance / (kAngleVariance + 32.0 * kSharedAngleVariance);
 
 class FastScorer {
  public:

@@ -3,7 +3,7 @@
 
 #include "common/random_draws.h"
 #include "common/rotation.h"
-#include "quality/coverage_evaluator.h"
+#include "quality/orientation_samples.h"
 
 namespace sensorlay {
 
@@ -28,6 +28,8 @@ void rotationOntoZ(const double d[3], double q[4]) {
   quaternionFromRotationMatrix(m, q);
 }
 
+}  // namespace
+
 void quaternionToRotationVector(const double q[4], double v[3]) {
   const double w = q[0], a = q[1], b = q[2], c = q[3];
   const double s2 = a * a + b * b + c * c;
@@ -45,10 +47,9 @@ void quaternionToRotationVector(const double q[4], double v[3]) {
   v[2] = c * 2.0 * angle / n;
 }
 
-}  // namespace
-
-std::optional<double> CoverageEvaluator::sampleOrientations(int32_t count) {
-  samples.clear();
+std::vector<OrientationSample> sampleOrientations(int32_t count, const QualityMap& map,
+                                                  std::optional<double>& normalization) {
+  std::vector<OrientationSample> samples;
   // A fixed seed, and a generator shared with nothing: every run judges
   // placements against the same set, and a smaller set is a prefix of a larger.
   std::mt19937 generator(5489u);
@@ -98,13 +99,13 @@ std::optional<double> CoverageEvaluator::sampleOrientations(int32_t count) {
     const double x = sample.direction[0], y = sample.direction[1], z = sample.direction[2];
     sample.latitude = std::atan2(y, std::sqrt(z * z + x * x));
     sample.longitude = std::atan2(x, z);
-    sample.weight = qualityMap.empty() ? 1.0 : static_cast<double>(qualityMap.at(sample.latitude, sample.longitude));
+    sample.weight = map.empty() ? 1.0 : static_cast<double>(map.at(sample.latitude, sample.longitude));
 
     total += sample.weight;
     samples.push_back(sample);
   }
 
-  std::optional<double> normalization;
+  normalization.reset();
   if (total > 0.0) {
     // Mean weight 1 over the set, so the score's scale does not depend on how
     // bright the map is.
@@ -112,8 +113,7 @@ std::optional<double> CoverageEvaluator::sampleOrientations(int32_t count) {
     for (OrientationSample& sample : samples) sample.weight *= factor;
     normalization = factor;
   }
-  scoreScale = 500.0 / static_cast<double>(samples.size());
-  return normalization;
+  return samples;
 }
 
 }  // namespace sensorlay

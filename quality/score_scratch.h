@@ -1,7 +1,8 @@
 #pragma once
-// The buffers of scorePlacement. They live with the evaluator and keep their
-// storage from sample to sample and from call to call, so that the score's
-// loop over samples allocates nothing.
+// The buffers of the placement score's solve. They keep their storage from
+// sample to sample and from call to call, so that the score's loop over
+// samples allocates nothing; the fast score and the tables keep one per
+// thread.
 
 #include <Eigen/Core>
 #include <Eigen/LU>
@@ -9,13 +10,6 @@
 #include "observation/sweep_model.h"
 
 namespace sensorlay {
-
-class CoverageEvaluator;
-
-// The value of a sample with no usable answer: no visible sensor, a pose
-// uncertainty that is not a number, or more sensors than the noise model has
-// rows for. Just above the curve's ceiling of 1 + tanh(2).
-constexpr double kNoAnswer = 2.0;
 
 struct ScoreScratch {
   // J: two rows for each visible sensor, six columns, row-major; storage for
@@ -39,11 +33,5 @@ struct ScoreScratch {
 // used in place, inverted by LU with partial pivoting. No singularity test: a
 // singular A gives infinite or not-a-number entries.
 void informationInverse(const Eigen::MatrixXd& measurementInformation, ScoreScratch& scratch, int32_t rows);
-
-// The unweighted value of one sample whose `rows` Jacobian rows stand in
-// scratch.jacobian: A = J^T W J with W the top-left block of the evaluator's
-// measurementInformation, A inverted by LU with partial pivoting, the pose
-// uncertainty x from the inverse's diagonal, and the quality curve.
-double sampleValue(const CoverageEvaluator& evaluator, ScoreScratch& scratch, int32_t rows);
 
 }  // namespace sensorlay

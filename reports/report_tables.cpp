@@ -90,26 +90,10 @@ class TextBuffer {
   size_t used_ = 0;
 };
 
-// Sets the visibleNow bits at the pose, adds the seen ones to everVisible and
-// yields how many are visible.
-int32_t markVisibleSensors(SweepObservationSet& set, const double pose[7]) {
-  int32_t count = 0;
-  const size_t n = set.visibilityTests.size();
-  for (size_t i = 0; i < n; ++i) {
-    const bool visible = isSensorVisible(set.visibilityTests[i], pose);
-    set.visibleNow[i] = visible;
-    if (visible) {
-      set.everVisible[i] = true;
-      ++count;
-    }
-  }
-  return count;
-}
-
 // C = (J^T W J)^-1 into scratch.covariance for the visible sensors of `set`
-// at the first six pose numbers, the same computation as the score's. False
-// when the Jacobian cannot be had; C is then not to be read.
-bool poseCovariance(const SweepObservationSet& set, const double pose[6], const Eigen::MatrixXd& information,
+// at the pose, the same computation as the score's. False when the Jacobian
+// cannot be had; C is then not to be read.
+bool poseCovariance(const SweepObservationSet& set, const PoseParameters& pose, const Eigen::MatrixXd& information,
                     int32_t visible, ScoreScratch& scratch) {
   const int32_t rows = 2 * visible;
   if (rows > kMaxObservationRows || rows > information.rows() || rows > information.cols()) return false;
@@ -121,24 +105,26 @@ bool poseCovariance(const SweepObservationSet& set, const double pose[6], const 
 
 }  // namespace
 
-RowWorker::RowWorker(const CoverageEvaluator& evaluator) : view(*evaluator.observations), pose(evaluator.pose) {
-  hits.reserve(2 * kReportSensorLimit);
+RowWorker::RowWorker(const CoverageEvaluator& evaluator) : view(*evaluator.observations) {
+  hits.reserve(2 * kMaxSensors);
 }
 
 bool computeCoverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sample, RowWorker& w,
                         CoverageRow& row) {
-  double* pose = w.pose.data();
   const std::vector<int32_t>& channels = evaluator.model->channels;
   const size_t sensorCount = w.view.visibilityTests.size();
+  const Eigen::Vector3d& p = evaluator.position;
 
-  for (int i = 0; i < 4; ++i) pose[3 + i] = sample.quaternion[i];
+  const StationPose pose = {{p.x(), p.y(), p.z()},
+                            {sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]}};
   const int32_t visible = markVisibleSensors(w.view, pose);
 
   double positionSigma = 1.0;
   double rotationSigma = 1.0;
   if (visible != 0) {
-    for (int i = 0; i < 3; ++i) pose[3 + i] = sample.rotationVector[i];
-    if (poseCovariance(w.view, pose, evaluator.measurementInformation, visible, w.scratch)) {
+    const PoseParameters parameters = {{p.x(), p.y(), p.z()},
+                                       {sample.rotationVector[0], sample.rotationVector[1], sample.rotationVector[2]}};
+    if (poseCovariance(w.view, parameters, evaluator.score.measurementInformation, visible, w.scratch)) {
       const Eigen::MatrixXd& C = w.scratch.covariance;
       // The variances are summed first, then one root is taken.
       positionSigma = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2));
@@ -198,31 +184,21 @@ bool coverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sa
 // sample's orientation, so that it keeps facing the station.
 bool sensitivityRow(const CoverageEvaluator& evaluator, const OrientationSample& sample,
                     const Eigen::Vector3d& position, RowWorker& w, TextBuffer& out) {
-  double* pose = w.pose.data();
   const double w0 = sample.quaternion[0];
   const Eigen::Vector3d u(sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]);
   const Eigen::Vector3d uxp = u.cross(position);
   const Eigen::Vector3d moved = position + 2.0 * w0 * uxp + 2.0 * u.cross(uxp);
-  for (int i = 0; i < 3; ++i) pose[i] = moved[i];
-  for (int i = 0; i < 4; ++i) pose[3 + i] = sample.quaternion[i];
 
+  const StationPose pose = {{moved.x(), moved.y(), moved.z()},
+                            {sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]}};
   const int32_t visible = markVisibleSensors(w.view, pose);
-
-  const double qw = pose[3];
-  const Eigen::Vector3d qu(pose[4], pose[5], pose[6]);
-  const double n2 = qu.squaredNorm();
-  Eigen::Vector3d rotationVector = 2.0 * qu;
-  if (n2 > 0.0) {
-    const double n = std::sqrt(n2);
-    const double angle = qw < 0.0 ? 2.0 * std::atan2(-n, -qw) : 2.0 * std::atan2(n, qw);
-    rotationVector = (angle / n) * qu;
-  }
 
   double sigma[3] = {1.0, 1.0, 1.0};
   if (visible != 0) {
-    for (int i = 0; i < 3; ++i) pose[3 + i] = rotationVector[i];
+    const PoseParameters parameters = {{moved.x(), moved.y(), moved.z()},
+                                       {sample.rotationVector[0], sample.rotationVector[1], sample.rotationVector[2]}};
     const Eigen::MatrixXd& C = w.scratch.covariance;
-    if (poseCovariance(w.view, pose, evaluator.measurementInformation, visible, w.scratch))
+    if (poseCovariance(w.view, parameters, evaluator.score.measurementInformation, visible, w.scratch))
       for (int i = 0; i < 3; ++i) sigma[i] = std::sqrt(C(i, i));
   }
   for (double& s : sigma)
@@ -301,7 +277,7 @@ TableOutcome writeRowsInOrder(size_t rowCount, size_t rowBytes, WorkerPool& pool
 }
 
 // One row worker per thread of the pool, each starting from the evaluator's
-// pose and bits.
+// bits.
 std::vector<RowWorker> makeRowWorkers(const CoverageEvaluator& evaluator, const WorkerPool& pool) {
   std::vector<RowWorker> workers;
   workers.reserve(static_cast<size_t>(pool.size()));
@@ -310,15 +286,11 @@ std::vector<RowWorker> makeRowWorkers(const CoverageEvaluator& evaluator, const 
 }
 
 // Leaves the evaluator as one thread would have left it after the last row:
-// its pose and visibleNow bits as that row set them, and every sensor that
-// some row saw marked in everVisible.
+// its visibleNow bits as that row set them, and every sensor that some row saw
+// marked in everVisible.
 void gatherRowWorkers(CoverageEvaluator& evaluator, const std::vector<RowWorker>& workers, int lastWorker) {
   SweepObservationSet& set = *evaluator.observations;
-  if (lastWorker >= 0) {
-    const RowWorker& last = workers[static_cast<size_t>(lastWorker)];
-    evaluator.pose = last.pose;
-    set.visibleNow = last.view.visibleNow;
-  }
+  if (lastWorker >= 0) set.visibleNow = workers[static_cast<size_t>(lastWorker)].view.visibleNow;
   for (const RowWorker& w : workers)
     for (size_t i = 0; i < set.everVisible.size(); ++i)
       if (w.view.everVisible[i]) set.everVisible[i] = true;
@@ -350,7 +322,7 @@ std::vector<int32_t> unseenChannels(const CoverageEvaluator& evaluator) {
 void PoseSolvability::update() {
   for (; consumed < observations.size(); ++consumed) {
     const AxisObservation& o = observations[consumed];
-    if (o.axis < 0 || o.axis > 1 || o.channel < 0 || o.channel >= kReportChannelLimit) continue;
+    if (o.axis < 0 || o.axis > 1 || o.channel < 0 || o.channel >= kMaxSensors) continue;
     ++axisCount[o.axis];
     axisMask[o.channel] = static_cast<uint8_t>(axisMask[o.channel] | (1u << o.axis));
     if (axisMask[o.channel] == 3) ++bothAxesCount;
@@ -366,10 +338,10 @@ bool PoseSolvability::isSolvable() {
   update();
   if (!hasEnoughHits()) return false;
 
-  int32_t ids[kReportChannelLimit];
+  int32_t ids[kMaxSensors];
   int32_t count = 0;
   if (bothAxesCount >= 4) {
-    for (int32_t c = 0; c < kReportChannelLimit; ++c)
+    for (int32_t c = 0; c < kMaxSensors; ++c)
       if (axisMask[c] == 3) ids[count++] = c;
     if (spansVolume(ids, count)) return true;
     if (missingChannel >= 0) return false;
@@ -380,7 +352,7 @@ bool PoseSolvability::isSolvable() {
 
   for (int axis = 0; axis < 2; ++axis) {
     count = 0;
-    for (int32_t c = 0; c < kReportChannelLimit; ++c)
+    for (int32_t c = 0; c < kMaxSensors; ++c)
       if (axisMask[c] & (1u << axis)) ids[count++] = c;
     if (!spansVolume(ids, count)) return false;
   }
@@ -390,8 +362,8 @@ bool PoseSolvability::isSolvable() {
 bool PoseSolvability::spansVolume(const int32_t* channelIds, int32_t count) {
   // Distinct channels number at most 32; a longer list cannot come from the
   // mask and is not looked at.
-  if (count < 3 || count > kReportChannelLimit) return false;
-  std::array<Eigen::Vector3d, kReportChannelLimit> P;
+  if (count < 3 || count > kMaxSensors) return false;
+  std::array<Eigen::Vector3d, kMaxSensors> P;
   for (int32_t i = 0; i < count; ++i) {
     const auto found = model.channelIndex.find(channelIds[i]);
     const int32_t index = found == model.channelIndex.end() ? -1 : found->second;
@@ -435,13 +407,13 @@ ViewGrade gradeView(PoseSolvability& solvability) {
 }
 
 std::string reportModelProblem(const SensorModel& model) {
-  if (model.sensorCount() > kReportSensorLimit)
+  if (model.sensorCount() > static_cast<size_t>(kMaxSensors))
     return "it has " + std::to_string(model.sensorCount()) + " sensors, and the tables take at most " +
-           std::to_string(kReportSensorLimit) + ".";
+           std::to_string(kMaxSensors) + ".";
   for (int32_t channel : model.channels)
-    if (channel >= kReportChannelLimit)
+    if (channel >= kMaxSensors)
       return "it uses channel " + std::to_string(channel) + ", and the tables take the channels 0 to " +
-             std::to_string(kReportChannelLimit - 1) + ".";
+             std::to_string(kMaxSensors - 1) + ".";
   return std::string();
 }
 
@@ -508,6 +480,9 @@ std::vector<OrientationSample> buildReportGrid(double span, double step) {
       quaternionFromRotationMatrix(M, q);
       const double w = q[0], x = q[1], y = q[2], z = q[3];
 
+      // Not quaternionToRotationVector: the factor is formed first and the
+      // products round apart from the samples', and the tables' digits
+      // depend on it.
       const double n2 = x * x + y * y + z * z;
       double factor = 2.0;
       if (n2 > 0.0) {
@@ -532,22 +507,22 @@ std::vector<OrientationSample> buildReportGrid(double span, double step) {
   return samples;
 }
 
-Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator, WorkerPool& pool, std::FILE* output) {
+Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator,
+                                                const std::vector<OrientationSample>& grid, WorkerPool& pool,
+                                                std::FILE* output) {
   const Status ready = readyForTable(evaluator);
   if (!ready) return ready;
   std::vector<RowWorker> workers = makeRowWorkers(evaluator, pool);
 
-  const std::array<double, 7>& pose = evaluator.pose;
-  const double distance = std::sqrt(pose[0] * pose[0] + pose[1] * pose[1] + pose[2] * pose[2]);
+  const Eigen::Vector3d& p = evaluator.position;
+  const double distance = std::sqrt(p[0] * p[0] + p[1] * p[1] + p[2] * p[2]);
   // Two angles and two sigmas of "%lf", the distance, small whole numbers,
   // and one channel below 32 for each sensor.
   const size_t rowBytes = 96 + static_cast<size_t>(std::max(0, std::snprintf(nullptr, 0, "%0.1lf", distance))) +
                           4 * evaluator.observations->visibilityTests.size();
-  const std::vector<OrientationSample>& samples = evaluator.samples;
-  const TableOutcome outcome =
-      writeRowsInOrder(samples.size(), rowBytes, pool, workers, output, [&](size_t row, RowWorker& w, TextBuffer& out) {
-        return coverageRow(evaluator, samples[row], distance, w, out);
-      });
+  const TableOutcome outcome = writeRowsInOrder(
+      grid.size(), rowBytes, pool, workers, output,
+      [&](size_t row, RowWorker& w, TextBuffer& out) { return coverageRow(evaluator, grid[row], distance, w, out); });
   if (outcome.missingChannel >= 0)
     return Status::failure("The sensor model has no position for channel " + std::to_string(outcome.missingChannel) +
                            ".");
@@ -555,21 +530,20 @@ Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator, Wo
   return unseenChannels(evaluator);
 }
 
-Result<std::vector<int32_t>> printSensitivityTable(CoverageEvaluator& evaluator, WorkerPool& pool, std::FILE* output) {
+Result<std::vector<int32_t>> printSensitivityTable(CoverageEvaluator& evaluator,
+                                                   const std::vector<OrientationSample>& grid, WorkerPool& pool,
+                                                   std::FILE* output) {
   const Status ready = readyForTable(evaluator);
   if (!ready) return ready;
   std::vector<RowWorker> workers = makeRowWorkers(evaluator, pool);
 
   // The device keeps facing the station while it moves across the field of
-  // view: its position turns with it, and is put back after the table.
-  std::array<double, 7>& pose = evaluator.pose;
-  const Eigen::Vector3d p(pose[0], pose[1], pose[2]);
-  const std::vector<OrientationSample>& samples = evaluator.samples;
+  // view: its position turns with it.
+  const Eigen::Vector3d& p = evaluator.position;
   const TableOutcome outcome = writeRowsInOrder(
-      samples.size(), 64, pool, workers, output,
-      [&](size_t row, RowWorker& w, TextBuffer& out) { return sensitivityRow(evaluator, samples[row], p, w, out); });
+      grid.size(), 64, pool, workers, output,
+      [&](size_t row, RowWorker& w, TextBuffer& out) { return sensitivityRow(evaluator, grid[row], p, w, out); });
   gatherRowWorkers(evaluator, workers, outcome.lastWorker);
-  for (int i = 0; i < 3; ++i) pose[i] = p[i];
   return unseenChannels(evaluator);
 }
 

@@ -5,7 +5,6 @@
 // given and printed in row order: the text, and the evaluator's state after a
 // table, are the same for every thread count.
 
-#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -26,11 +25,6 @@ struct AxisObservation {
   int32_t channel = 0;
   int32_t axis = 0;
 };
-
-// The per-channel axis mask has room for the channels 0 to 31, and the
-// measurement information matrix for two rows of each of 32 sensors.
-constexpr int32_t kReportChannelLimit = 32;
-constexpr size_t kReportSensorLimit = 32;
 
 // A grid larger than this is refused: its samples alone would take gigabytes,
 // and the table would run for hours. 0.1 degrees (6.5 million rows) still fits.
@@ -64,7 +58,7 @@ class PoseSolvability {
   uint64_t consumed = 0;
   int32_t axisCount[2] = {0, 0};
   int32_t bothAxesCount = 0;
-  uint8_t axisMask[kReportChannelLimit] = {};
+  uint8_t axisMask[kMaxSensors] = {};
   int32_t missingChannel = -1;
 };
 
@@ -83,14 +77,12 @@ std::string reportModelProblem(const SensorModel& model);
 
 // What one thread changes while it computes rows: its own copy of the
 // observation set, whose visibleNow bits the Jacobian reads and whose
-// everVisible bits are OR-ed into the evaluator's at the end, its own pose and
-// its buffers. All else that a row reads (model, surface, information matrix,
-// samples) is shared and only read. Aligned so that two threads' rows never
-// write to one cache line.
+// everVisible bits are OR-ed into the evaluator's at the end, and its buffers. All else that a row reads (model,
+// surface, information matrix, samples) is shared and only read. Aligned so that two threads' rows never write to one
+// cache line.
 struct alignas(64) RowWorker {
   explicit RowWorker(const CoverageEvaluator& evaluator);
   SweepObservationSet view;
-  std::array<double, 7> pose;
   ScoreScratch scratch;  // the buffers of its rows, made once per table
   std::vector<AxisObservation> hits;
   // The channel without a position that stopped this thread's last row, or -1.
@@ -117,15 +109,19 @@ bool computeCoverageRow(const CoverageEvaluator& evaluator, const OrientationSam
 // estimateReportRows is beyond kReportRowLimit.
 std::vector<OrientationSample> buildReportGrid(double span, double step);
 
-// The coverage table of the evaluator's samples at the distance of its pose,
-// to `output`. Yields the channels that no row saw, or the failure: a set-up
-// the tables cannot serve, or a row whose grade needs a sensor position the
-// model lacks (the rows before it have been written).
-Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator, WorkerPool& pool, std::FILE* output);
+// The coverage table, one row per direction of `grid` with the device at the
+// evaluator's position, to `output`. Yields the channels that no row saw, or
+// the failure: a set-up the tables cannot serve, or a row whose grade needs a
+// sensor position the model lacks (the rows before it have been written).
+Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator,
+                                                const std::vector<OrientationSample>& grid, WorkerPool& pool,
+                                                std::FILE* output);
 
-// The sensitivity table: the device moved across the field of view at the
-// pose's position, keeping facing the station.
-Result<std::vector<int32_t>> printSensitivityTable(CoverageEvaluator& evaluator, WorkerPool& pool, std::FILE* output);
+// The sensitivity table: the device moved across the field of view from the
+// evaluator's position, keeping facing the station.
+Result<std::vector<int32_t>> printSensitivityTable(CoverageEvaluator& evaluator,
+                                                   const std::vector<OrientationSample>& grid, WorkerPool& pool,
+                                                   std::FILE* output);
 
 // The number of rows buildReportGrid would lay for this span and step, up to a
 // row or so per axis; UINT64_MAX when the step is not a positive finite number

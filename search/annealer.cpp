@@ -6,6 +6,7 @@
 #include <ostream>
 
 #include "common/random_draws.h"
+#include "common/rotation.h"
 #include "quality/fast_score.h"
 #include "surface/tracked_surface.h"
 
@@ -16,8 +17,6 @@ namespace {
 // The acceptance draws are the same sequence in every run, independent of the
 // clock-seeded trial generator.
 constexpr uint32_t acceptanceSeed = 5489;
-
-constexpr double degreesToRadians = 0.017453292519943295;
 
 }  // namespace
 
@@ -183,7 +182,7 @@ void Annealer::reportReferenceBest() {
 
 void runAnnealer(AnnealerOptions& options, Constellation& result) {
   std::unique_ptr<SensorModel> model = makeEmptySensorModel(options.nSensors);
-  model->cosMaxIncidence = std::cos(options.maxIncidenceDegrees * degreesToRadians);
+  model->cosMaxIncidence = std::cos(options.maxIncidenceDegrees * kRadiansPerDegree);
 
   if (options.immutableModel) {
     // The run preparation refuses more fixed sensors than the count; should

@@ -50,14 +50,8 @@ Eigen::Vector3f TrackedSurface::randomNormalOnFace(int32_t face) {
   const Eigen::Vector3f n = faceNormals.row(face).transpose();
   const float c = cosMaxSurfaceAngle;
   if (!(c < 1.0f)) return n;
-  const bool steep = std::abs(static_cast<double>(n.y())) > 0.2 || std::abs(static_cast<double>(n.z())) > 0.2;
-  const Eigen::Vector3f helper = steep ? Eigen::Vector3f(1.0f, 0.0f, 0.0f) : Eigen::Vector3f(0.0f, 1.0f, 0.0f);
-  Eigen::Vector3f t1 = helper.cross(n);
-  const float s1 = t1.squaredNorm();
-  if (s1 > 0.0f) t1 /= std::sqrt(s1);
-  Eigen::Vector3f t2 = t1.cross(n);
-  const float s2 = t2.squaredNorm();
-  if (s2 > 0.0f) t2 /= std::sqrt(s2);
+  Eigen::Vector3f t1, t2;
+  tangentFrame(n, t1, t2);
   const float u1 = drawUnitFloat(generator);
   const float u2 = drawUnitFloat(generator);
   // z uniform in [c, 1] is a uniform direction on the cap around n.

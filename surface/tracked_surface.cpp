@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "common/random_draws.h"
+#include "common/rotation.h"
 #include "surface/ray_scene.h"
 #include "surface/stl_reader.h"
 
@@ -124,7 +125,7 @@ void TrackedSurface::setSensorSize(double size) {
 }
 
 void TrackedSurface::setMaxSurfaceAngle(double degrees) {
-  cosMaxSurfaceAngle = static_cast<float>(std::cos(degrees * 0.017453292519943295));
+  cosMaxSurfaceAngle = static_cast<float>(std::cos(degrees * kRadiansPerDegree));
 }
 
 bool TrackedSurface::castRay(const Eigen::Vector3f& origin, const Eigen::Vector3f& direction, float tNear,
@@ -132,11 +133,7 @@ bool TrackedSurface::castRay(const Eigen::Vector3f& origin, const Eigen::Vector3
   return scene && scene->occluded(origin.data(), direction.data(), tNear, tFar);
 }
 
-namespace {
-
-// The tangent pair of a sensor's footprint. The helper axis is chosen from y
-// and z alone, so that it is never close to the normal.
-void tangentsOf(const Eigen::Vector3f& normal, Eigen::Vector3f& t1, Eigen::Vector3f& t2) {
+void tangentFrame(const Eigen::Vector3f& normal, Eigen::Vector3f& t1, Eigen::Vector3f& t2) {
   const bool steep = std::abs(static_cast<double>(normal.y())) > 0.2 || std::abs(static_cast<double>(normal.z())) > 0.2;
   const Eigen::Vector3f helper = steep ? Eigen::Vector3f(1.0f, 0.0f, 0.0f) : Eigen::Vector3f(0.0f, 1.0f, 0.0f);
   t1 = helper.cross(normal);
@@ -147,14 +144,12 @@ void tangentsOf(const Eigen::Vector3f& normal, Eigen::Vector3f& t1, Eigen::Vecto
   if (s2 > 0.0f) t2 /= std::sqrt(s2);
 }
 
-}  // namespace
-
 bool TrackedSurface::sensorFits(const Eigen::Vector3f& point, const Eigen::Vector3f& normal) const {
   // Four chords of the sensor's circle, 45 degrees apart, one millimetre under
   // the surface: a curve, an edge or an obstacle within the footprint cuts one.
   const Eigen::Vector3f centre = point - normal * 0.001f;
   Eigen::Vector3f t1, t2;
-  tangentsOf(normal, t1, t2);
+  tangentFrame(normal, t1, t2);
   Eigen::Vector3f d3 = t1 + t2, d4 = t1 - t2;
   const float s3 = d3.squaredNorm(), s4 = d4.squaredNorm();
   if (s3 > 0.0f) d3 /= std::sqrt(s3);

@@ -16,6 +16,11 @@ namespace sensorlay {
 
 class RayScene;
 
+// Two unit tangents of a surface with unit normal `normal`: the footprint of
+// a sensor and the cone of its drawn normals are laid out in them. The helper
+// axis is chosen from y and z alone, so that it is never close to the normal.
+void tangentFrame(const Eigen::Vector3f& normal, Eigen::Vector3f& t1, Eigen::Vector3f& t2);
+
 class TrackedSurface {
  public:
   // All work happens here. A failed build leaves `faces` without rows, and

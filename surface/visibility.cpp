@@ -8,7 +8,7 @@
 
 namespace sensorlay {
 
-bool isSensorVisible(const SensorVisibilityTest& test, const double pose[7]) {
+bool isSensorVisible(const SensorVisibilityTest& test, const StationPose& pose) {
   const SensorModel& model = *test.model;
   // A record can point past the kept sensors when the model left some out;
   // such a sensor is never seen.
@@ -17,13 +17,13 @@ bool isSensorVisible(const SensorVisibilityTest& test, const double pose[7]) {
     return false;
   const double* p = model.points[test.sensorIndex].data();
   const double* n = model.normals[test.sensorIndex].data();
-  const double* q = pose + 3;  // w, x, y, z
+  const double* q = pose.quaternion;
 
   double P[3], M[3];
   ceres::UnitQuaternionRotatePoint(q, p, P);
-  P[0] += pose[0];
-  P[1] += pose[1];
-  P[2] += pose[2];
+  P[0] += pose.position[0];
+  P[1] += pose.position[1];
+  P[2] += pose.position[2];
   ceres::UnitQuaternionRotatePoint(q, n, M);
 
   // Unit vector from the sensor towards the station at the origin.

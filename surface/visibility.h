@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "model/constellation.h"
+#include "surface/station_pose.h"
 
 namespace sensorlay {
 
@@ -16,8 +17,8 @@ struct SensorVisibilityTest {
   const TrackedSurface* surface = nullptr;
 };
 
-// True when the sensor is within the incidence limit at the pose (translation,
-// then quaternion w, x, y, z) and, with a surface, not occluded.
-bool isSensorVisible(const SensorVisibilityTest& test, const double pose[7]);
+// True when the sensor is within the incidence limit at the pose and, with a
+// surface, not occluded.
+bool isSensorVisible(const SensorVisibilityTest& test, const StationPose& pose);
 
 }  // namespace sensorlay

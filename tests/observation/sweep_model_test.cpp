@@ -21,7 +21,7 @@ TEST(SweepModel, TwoSweepAnglesCentreAndSigns) {
   auto model = makeSensorModel({{0, 0, 0}, {0.1f, 0, 0}, {0, 0.1f, 0}}, {kUp.begin(), kUp.begin() + 3});
   const StationConfig station;
   const auto set = makeObservationSet(model.get(), nullptr, station);
-  const double pose[6] = {0, 0, -2, 0, 0, 0};
+  const PoseParameters pose = {{0, 0, -2}, {0, 0, 0}};
   double angles[6];
   ASSERT_TRUE(differentiateObservations(*set, pose, 6, angles, nullptr));
   const double expected[6] = {kHalfPi, kHalfPi, std::atan2(2.0, model->points[1].x()),
@@ -31,6 +31,9 @@ TEST(SweepModel, TwoSweepAnglesCentreAndSigns) {
 
 // Also at the zero rotation vector, where the quaternion takes its Taylor
 // form: there X moves as w x p, and its derivatives are not 0.
+// The parameters as six numbers, the position first.
+PoseParameters parametersOf(const std::array<double, 6>& p) { return {{p[0], p[1], p[2]}, {p[3], p[4], p[5]}}; }
+
 TEST(SweepModel, JacobianMatchesCentralDifferences) {
   auto model =
       makeSensorModel({{0.03f, -0.05f, 0.07f}, {-0.06f, 0.02f, 0.01f}, {0, 0.08f, -0.04f}, {0.05f, 0.05f, 0.05f}}, kUp);
@@ -38,16 +41,16 @@ TEST(SweepModel, JacobianMatchesCentralDifferences) {
        {std::array<double, 6>{0.12, -0.07, -1.8, 0.3, -0.5, 0.2}, std::array<double, 6>{0.1, 0.2, -2, 0, 0, 0}}) {
     for (int32_t stationKind : {0, 7, 11}) {
       StationConfig station;
-      station.stationKind = stationKind;
+      station.stationKind = static_cast<StationKind>(stationKind);
       const auto set = makeObservationSet(model.get(), nullptr, station);
       double angles[8], jacobian[48], up[8], down[8];
-      ASSERT_TRUE(differentiateObservations(*set, pose.data(), 8, angles, jacobian));
+      ASSERT_TRUE(differentiateObservations(*set, parametersOf(pose), 8, angles, jacobian));
       for (int c = 0; c < 6; ++c) {
         std::array<double, 6> plus = pose, minus = pose;
         plus[c] += 1e-6;
         minus[c] -= 1e-6;
-        ASSERT_TRUE(evaluateObservations<double>(*set, plus.data(), up));
-        ASSERT_TRUE(evaluateObservations<double>(*set, minus.data(), down));
+        ASSERT_TRUE(evaluateObservations<double>(*set, parametersOf(plus), up));
+        ASSERT_TRUE(evaluateObservations<double>(*set, parametersOf(minus), down));
         for (int r = 0; r < 8; ++r)
           EXPECT_NEAR(jacobian[r * 6 + c], (up[r] - down[r]) / 2e-6, 1e-6) << stationKind << " " << r << " " << c;
       }
@@ -60,11 +63,11 @@ TEST(SweepModel, TiltedRotorRowsAndTheirReach) {
   // the tilted plane's reach.
   auto model = makeSensorModel({{0.1f, 0.2f, 0}, {0, 0.5f, 2}, {0.1f, 4, 0}}, {kUp.begin(), kUp.begin() + 3});
   StationConfig station;
-  station.stationKind = 7;
+  station.stationKind = StationKind::TiltedRotor;
   station.tiltRadians = 0.0;
   const auto observations = makeObservationSet(model.get(), nullptr, station);
   SweepObservationSet& set = *observations;
-  const double pose[6] = {0, 0, -2, 0, 0, 0};
+  const PoseParameters pose = {{0, 0, -2}, {0, 0, 0}};
   double angles[6] = {}, jacobian[36] = {};
 
   // Without tilt both planes read one rotor angle, a third of a turn apart.
@@ -95,7 +98,7 @@ TEST(SweepModel, RowCountMustMatchTheVisibleSensors) {
   const StationConfig station;
   const auto observations = makeObservationSet(model.get(), nullptr, station);
   SweepObservationSet& set = *observations;
-  const double pose[6] = {0, 0, -2, 0.1, 0.2, 0.3};
+  const PoseParameters pose = {{0, 0, -2}, {0.1, 0.2, 0.3}};
   double angles[80] = {}, jacobian[480];
   set.visibleNow.assign(40, false);
   EXPECT_TRUE(differentiateObservations(set, pose, 0, angles, jacobian));

@@ -69,11 +69,10 @@ struct Search {
 };
 
 // The fast score against the reference on the same evaluator, and what each
-// leaves in the evaluator: the pose and bits of the last sample, and the
-// sensors ever seen.
+// leaves in the evaluator: the bits of the last sample, and the sensors ever
+// seen.
 void expectAgreement(Search& search, double fast, double tolerance, const std::string& where) {
   CoverageEvaluator& evaluator = *search.evaluator;
-  const std::array<double, 7> pose = evaluator.pose;
   const std::vector<bool> visibleNow = evaluator.observations->visibleNow;
   const std::vector<bool> everVisible = evaluator.observations->everVisible;
   const double reference = evaluator.scorePlacement();
@@ -81,7 +80,6 @@ void expectAgreement(Search& search, double fast, double tolerance, const std::s
     EXPECT_EQ(fast, reference) << where;
   else
     EXPECT_NEAR(fast, reference, tolerance * std::abs(reference)) << where;
-  EXPECT_EQ(pose, evaluator.pose) << where;
   EXPECT_EQ(visibleNow, evaluator.observations->visibleNow) << where;
   EXPECT_EQ(everVisible, evaluator.observations->everVisible) << where;
 }
@@ -124,10 +122,10 @@ TEST(FastScore, ClosedFormRowsAreTheJetDerivatives) {
     auto model = makeSensorModel({p}, {Eigen::Vector3f(0, 0, 1)});
     CoverageEvaluator evaluator;
     attach(evaluator, model.get());
-    const double pose[6] = {0.1 * unit(g), 0.1 * unit(g), -2.0, omega[0], omega[1], omega[2]};
+    const PoseParameters pose = {{0.1 * unit(g), 0.1 * unit(g), -2.0}, {omega[0], omega[1], omega[2]}};
     double angles[2], jets[12], rows[12];
     ASSERT_TRUE(differentiateObservations(*evaluator.observations, pose, 2, angles, jets));
-    twoSweepRows(stationRotation(omega.data()), pose, model->points[0].data(), rows);
+    twoSweepRows(stationRotation(omega.data()), pose.position, model->points[0].data(), rows);
     for (int e = 0; e < 12; ++e) EXPECT_NEAR(rows[e], jets[e], 1e-13) << omega[0] << " " << e;
   }
 }
@@ -185,9 +183,9 @@ TEST(FastScore, DegenerateFewAndFlatViewsAgree) {
     if (c.singular) {
       // Every view that sees a sensor went the reference's way.
       int seen = 0;
-      for (const OrientationSample& sample : search.evaluator->samples) {
-        const double pose[7] = {
-            0, 0, -2, sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]};
+      for (const OrientationSample& sample : search.evaluator->score.samples) {
+        const StationPose pose = {
+            {0, 0, -2}, {sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]}};
         bool any = false;
         for (const SensorVisibilityTest& test : search.evaluator->observations->visibilityTests)
           any = any || isSensorVisible(test, pose);
@@ -219,20 +217,20 @@ TEST(FastScore, WeightsAndUnusableSetUps) {
 
   // Samples of weight 0 or below are skipped, others weigh in, an unseen
   // sample costs 2 whatever its weight.
-  for (size_t s = 0; s < evaluator.samples.size(); ++s)
-    evaluator.samples[s].weight = 0.25 * static_cast<double>(s % 7) - 0.5;
+  for (size_t s = 0; s < evaluator.score.samples.size(); ++s)
+    evaluator.score.samples[s].weight = 0.25 * static_cast<double>(s % 7) - 0.5;
   WorkerPool pool(2);
   FastScorer scorer(evaluator, pool);
   walk(search, scorer, pool, 60, 1e-9);
 
   // A weight that is not a number spoils the sum in both.
-  evaluator.samples[7].weight = std::nan("");
+  evaluator.score.samples[7].weight = std::nan("");
   EXPECT_TRUE(std::isnan(scorer.scoreAll()));
 
   // The rotor station and sensors that share a channel are scored by the
   // reference itself.
-  evaluator.samples[7].weight = 1.0;
-  evaluator.stationConfig.stationKind = 7;
+  evaluator.score.samples[7].weight = 1.0;
+  evaluator.stationConfig.stationKind = StationKind::TiltedRotor;
   evaluator.rebuildObservations();
   EXPECT_EQ(scorer.scoreAll(), evaluator.scorePlacement());
   EXPECT_FALSE(scorer.incremental());

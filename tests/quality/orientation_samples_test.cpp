@@ -19,7 +19,7 @@ namespace {
 // The samples of an evaluator, and the factor that normalised their weights.
 std::optional<double> sample(CoverageEvaluator& evaluator, int32_t count) {
   const std::optional<double> factor = evaluator.sampleOrientations(count);
-  EXPECT_EQ(evaluator.scoreScale, 500.0 / count);
+  EXPECT_EQ(evaluator.score.scoreScale, 500.0 / count);
   return factor;
 }
 
@@ -29,9 +29,9 @@ TEST(OrientationSamples, FixedSetOfShortestRotations) {
   sample(b, 400);
   sample(shorter, 250);
   for (size_t i = 0; i < 400; ++i)
-    ASSERT_EQ(std::memcmp(&a.samples[i], &b.samples[i], sizeof(OrientationSample)), 0) << i;
+    ASSERT_EQ(std::memcmp(&a.score.samples[i], &b.score.samples[i], sizeof(OrientationSample)), 0) << i;
   for (size_t i = 0; i < 250; ++i)
-    ASSERT_EQ(std::memcmp(&a.samples[i], &shorter.samples[i], sizeof(OrientationSample)), 0);
+    ASSERT_EQ(std::memcmp(&a.score.samples[i], &shorter.score.samples[i], sizeof(OrientationSample)), 0);
 
   // The second sample is, of ten candidates from MT19937 seeded 5489 (two
   // outputs a uniform double, z first), the farthest from the pole: lowest z.
@@ -46,17 +46,17 @@ TEST(OrientationSamples, FixedSetOfShortestRotations) {
                  s = std::sqrt(1.0 - z * z);
     if (z < best[2]) best[0] = std::cos(phi) * s, best[1] = std::sin(phi) * s, best[2] = z;
   }
-  for (int k = 0; k < 3; ++k) EXPECT_EQ(a.samples[1].direction[k], best[k]);
+  for (int k = 0; k < 3; ++k) EXPECT_EQ(a.score.samples[1].direction[k], best[k]);
 
   // The first sample is the unguarded pole: its rotation is not a number.
-  EXPECT_EQ(a.samples[0].direction[2], 1.0);
-  EXPECT_EQ(a.samples[0].latitude, 0.0);
-  EXPECT_TRUE(std::isnan(a.samples[0].quaternion[0]) && std::isnan(a.samples[0].rotationVector[2]));
+  EXPECT_EQ(a.score.samples[0].direction[2], 1.0);
+  EXPECT_EQ(a.score.samples[0].latitude, 0.0);
+  EXPECT_TRUE(std::isnan(a.score.samples[0].quaternion[0]) && std::isnan(a.score.samples[0].rotationVector[2]));
 
   // Every other rotation brings its direction onto +Z the shortest way.
   Eigen::Vector3d mean = Eigen::Vector3d::Zero();
   for (size_t i = 1; i < 400; ++i) {
-    const OrientationSample& s = a.samples[i];
+    const OrientationSample& s = a.score.samples[i];
     const Eigen::Vector3d d(s.direction[0], s.direction[1], s.direction[2]);
     mean += d;
     EXPECT_NEAR(s.latitude, std::asin(d.y()), 1e-9);
@@ -71,7 +71,7 @@ TEST(OrientationSamples, FixedSetOfShortestRotations) {
   EXPECT_LT((mean / 400.0).norm(), 0.03);  // spread evenly
 
   EXPECT_EQ(sample(a, 0), std::nullopt);  // no samples, no factor, an infinite scale
-  EXPECT_TRUE(a.samples.empty());
+  EXPECT_TRUE(a.score.samples.empty());
 }
 
 TEST(OrientationSamples, WeightsComeFromTheMapAndAverageOne) {
@@ -83,10 +83,10 @@ TEST(OrientationSamples, WeightsComeFromTheMapAndAverageOne) {
   evaluator.loadQualityMap(dir.file("half.pgm"));
   const std::optional<double> factor = sample(evaluator, 300);
   int bright = 0;
-  for (const OrientationSample& s : evaluator.samples) bright += s.weight > 0.0 ? 1 : 0;
+  for (const OrientationSample& s : evaluator.score.samples) bright += s.weight > 0.0 ? 1 : 0;
   ASSERT_GT(bright, 100);
   ASSERT_LT(bright, 200);
-  for (const OrientationSample& s : evaluator.samples)
+  for (const OrientationSample& s : evaluator.score.samples)
     EXPECT_NEAR(s.weight, evaluator.qualityMap.at(s.latitude, s.longitude) > 0.0f ? 300.0 / bright : 0.0, 1e-12);
   EXPECT_EQ(factor, 300.0 / (bright * static_cast<double>(51 * 0.003921569f)));
 
@@ -97,7 +97,7 @@ TEST(OrientationSamples, WeightsComeFromTheMapAndAverageOne) {
   // A missing map is no map: equal weights, factor 1.
   EXPECT_FALSE(evaluator.loadQualityMap(dir.file("missing.png")).ok());
   EXPECT_EQ(sample(evaluator, 50), 1.0);
-  for (const OrientationSample& s : evaluator.samples) EXPECT_EQ(s.weight, 1.0);
+  for (const OrientationSample& s : evaluator.score.samples) EXPECT_EQ(s.weight, 1.0);
 }
 
 }  // namespace

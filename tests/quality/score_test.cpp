@@ -21,12 +21,12 @@ using testing::makeSphereSensors;
 // The value of one sample alone, with a scale of 1.
 double sampleValue(CoverageEvaluator& evaluator, const OrientationSample& sample) {
   std::vector<OrientationSample> all = {sample};
-  std::swap(all, evaluator.samples);
-  const double scale = evaluator.scoreScale;
-  evaluator.scoreScale = 1.0;
+  std::swap(all, evaluator.score.samples);
+  const double scale = evaluator.score.scoreScale;
+  evaluator.score.scoreScale = 1.0;
   const double value = evaluator.scorePlacement();
-  std::swap(all, evaluator.samples);
-  evaluator.scoreScale = scale;
+  std::swap(all, evaluator.score.samples);
+  evaluator.score.scoreScale = scale;
   return value;
 }
 
@@ -43,7 +43,7 @@ TEST(Score, NothingVisibleAndTheWeights) {
   // Weight 0 or below skips a sample; any other leaves an unseen one at 2.0.
   evaluator.sampleOrientations(6);
   const double weights[6] = {0.0, -1.0, 5.0, 0.25, 1.0, 3.0};
-  for (size_t i = 0; i < 6; ++i) evaluator.samples[i].weight = weights[i];
+  for (size_t i = 0; i < 6; ++i) evaluator.score.samples[i].weight = weights[i];
   EXPECT_EQ(evaluator.scorePlacement(), 2.0 * 4 * 500.0 / 6);
   evaluator.sampleOrientations(0);
   EXPECT_TRUE(std::isnan(evaluator.scorePlacement()));  // 0 times an infinite scale
@@ -51,7 +51,7 @@ TEST(Score, NothingVisibleAndTheWeights) {
   // Planes tilted so steeply that they reach no sensor: the Jacobian fails,
   // J stays 0, and every sample ends as not-a-number, at 2.0.
   model->cosMaxIncidence = 0.5;
-  evaluator.stationConfig = {7, 1.5707963};
+  evaluator.stationConfig = {StationKind::TiltedRotor, 1.5707963};
   evaluator.rebuildObservations();
   evaluator.sampleOrientations(100);
   EXPECT_EQ(evaluator.scorePlacement(), 1000.0);
@@ -67,9 +67,9 @@ TEST(Score, NothingVisibleAndTheWeights) {
 TEST(Score, QualityCurve) {
   CoverageEvaluator evaluator;
   evaluator.setQualityRange(0.0018155, 0.0381845);
-  EXPECT_NEAR(evaluator.qualityGain, 100.0, 1e-9);
-  EXPECT_NEAR(evaluator.qualityBias, -2.0, 1e-12);
-  EXPECT_NEAR(evaluator.qualityBase, 0.9640275800758169, 1e-12);
+  EXPECT_NEAR(evaluator.score.curve.gain, 100.0, 1e-9);
+  EXPECT_NEAR(evaluator.score.curve.bias, -2.0, 1e-12);
+  EXPECT_NEAR(evaluator.score.curve.base, 0.9640275800758169, 1e-12);
 
   // Read x through a curve of tanh alone, scale the noise so that x is 0.02,
   // and the default curve gives tanh(0) + tanh(2) there.
@@ -77,13 +77,13 @@ TEST(Score, QualityCurve) {
   CoverageEvaluator scorer;
   attach(scorer, model.get());
   scorer.sampleOrientations(40);
-  const OrientationSample sample = scorer.samples[5];
-  scorer.qualityGain = 1.0;
-  scorer.qualityBias = scorer.qualityBase = 0.0;
+  const OrientationSample sample = scorer.score.samples[5];
+  scorer.score.curve.gain = 1.0;
+  scorer.score.curve.bias = scorer.score.curve.base = 0.0;
   const double x = std::atanh(sampleValue(scorer, sample));
   ASSERT_GT(x, 0.0);
   scorer.setQualityRange(0.0018155, 0.0381845);
-  scorer.measurementInformation *= (x / 0.02) * (x / 0.02);
+  scorer.score.measurementInformation *= (x / 0.02) * (x / 0.02);
   EXPECT_NEAR(sampleValue(scorer, sample), 0.9640275800758169, 1e-9);
 }
 

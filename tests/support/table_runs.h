@@ -6,13 +6,14 @@
 #include <cstdlib>
 #include <string>
 
+#include "common/rotation.h"
 #include "common/worker_pool.h"
 #include "reports/report_tables.h"
 
 namespace sensorlay::testing {
 
-// Degrees to the radians of a grid step, multiplied as the program does.
-inline double degrees(double d) { return d * 0.005555555555555556 * 3.141592653589793; }
+// Degrees to the radians of a grid step.
+inline double degrees(double d) { return degreesToRadians(d); }
 
 // A table's text, and its complaint or the sensors no row saw, in the lines
 // the program prints them as.
@@ -24,8 +25,10 @@ inline PrintedTable printTable(CoverageEvaluator& evaluator, WorkerPool& pool, b
   char* buffer = nullptr;
   size_t size = 0;
   std::FILE* memory = open_memstream(&buffer, &size);
-  const Result<std::vector<int32_t>> unseen =
-      sensitivity ? printSensitivityTable(evaluator, pool, memory) : printCoverageTable(evaluator, pool, memory);
+  // The evaluator's own samples serve as the grid.
+  const std::vector<OrientationSample>& grid = evaluator.score.samples;
+  const Result<std::vector<int32_t>> unseen = sensitivity ? printSensitivityTable(evaluator, grid, pool, memory)
+                                                          : printCoverageTable(evaluator, grid, pool, memory);
   std::fclose(memory);
   PrintedTable table{std::string(buffer, size), std::string()};
   std::free(buffer);

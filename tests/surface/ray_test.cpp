@@ -101,7 +101,7 @@ SensorModel oneSensor(const V3& normal, double cosMaxIncidence = 0.5, const V3& 
   return model;
 }
 
-constexpr double kFront[7] = {0, 0, -2, 1, 0, 0, 0};  // 2 m in front of the station
+constexpr StationPose kFront = {{0, 0, -2}, {1, 0, 0, 0}};  // 2 m in front of the station
 
 TEST(IsSensorVisible, OcclusionByTheSceneAndItsAbsence) {
   TempDir dir;
@@ -124,7 +124,7 @@ TEST(IsSensorVisible, RotatedPoseCastsInObjectCoordinates) {
   // towards the station. An obstacle on the +y side then blocks the view.
   const SensorModel model = oneSensor({0, 1, 0});
   const double h = std::sqrt(0.5);
-  const double turned[7] = {0, 0, -2, h, h, 0, 0}, away[7] = {0, 0, -2, h, -h, 0, 0};
+  const StationPose turned = {{0, 0, -2}, {h, h, 0, 0}}, away = {{0, 0, -2}, {h, -h, 0, 0}};
   auto blocked = buildSurface(dir, plateMesh(0.1f), boxMesh({-0.05f, 0.4f, -0.05f}, {0.05f, 0.45f, 0.05f}));
   auto other = buildSurface(dir, plateMesh(0.1f), boxMesh({-0.05f, -0.45f, -0.05f}, {0.05f, -0.4f, 0.05f}));
   EXPECT_FALSE(isSensorVisible({&model, 0, blocked.get()}, turned));

@@ -1,10 +1,41 @@
+#include "quality/placement_score.h"
+
+#include <Eigen/LU>
+
 #include <cmath>
 
-#include "observation/sweep_model.h"
-#include "quality/coverage_evaluator.h"
 #include "quality/score_scratch.h"
 
 namespace sensorlay {
+
+Eigen::MatrixXd angleNoiseInformation() {
+  Eigen::MatrixXd covariance = Eigen::MatrixXd::Zero(kMaxObservationRows, kMaxObservationRows);
+  for (int i = 0; i < kMaxObservationRows; ++i) covariance(i, i) = kAngleVariance;
+  for (int i = 0; i < kMaxObservationRows; ++i)
+    for (int j = 0; j < kMaxObservationRows; ++j)
+      if ((i % 2) == (j % 2)) covariance(i, j) += kSharedAngleVariance;
+  return covariance.inverse();
+}
+
+QualityCurve QualityCurve::forRange(double low, double high) {
+  QualityCurve curve;
+  curve.gain = 3.6369 / (high - low);
+  curve.bias = (high * -0.5 - low * 0.5) * curve.gain;
+  curve.base = -std::tanh(curve.bias);
+  return curve;
+}
+
+PlacementScore::PlacementScore()
+    : measurementInformation(angleNoiseInformation()), scratch_(std::make_unique<ScoreScratch>()) {}
+
+PlacementScore::~PlacementScore() = default;
+
+std::optional<double> PlacementScore::sampleOrientations(int32_t count, const QualityMap& map) {
+  std::optional<double> normalization;
+  samples = sensorlay::sampleOrientations(count, map, normalization);
+  scoreScale = 500.0 / static_cast<double>(samples.size());
+  return normalization;
+}
 
 void informationInverse(const Eigen::MatrixXd& measurementInformation, ScoreScratch& scratch, int32_t rows) {
   const ScoreScratch::Jacobian& J = scratch.jacobian;
@@ -26,45 +57,28 @@ void informationInverse(const Eigen::MatrixXd& measurementInformation, ScoreScra
   scratch.lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(C);
 }
 
-double sampleValue(const CoverageEvaluator& evaluator, ScoreScratch& scratch, int32_t rows) {
-  informationInverse(evaluator.measurementInformation, scratch, rows);
+double PlacementScore::sampleValue(ScoreScratch& scratch, int32_t rows) const {
+  informationInverse(measurementInformation, scratch, rows);
   const Eigen::MatrixXd& C = scratch.covariance;
   // Position and rotation uncertainty added as plain numbers: 1 mm weighs
   // as much as 1 mrad. Infinite or not-a-number variances of a singular A
   // end here.
   const double x = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2)) + std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
-  return std::isnan(x) ? kNoAnswer
-                       : std::tanh(evaluator.qualityGain * x + evaluator.qualityBias) + evaluator.qualityBase;
+  return std::isnan(x) ? kNoAnswer : curve(x);
 }
 
-double CoverageEvaluator::scorePlacement() {
-  if (!scoreScratch) scoreScratch = std::make_unique<ScoreScratch>();
-  ScoreScratch& scratch = *scoreScratch;
-
-  SweepObservationSet* set = observations.get();
-  const size_t sensorCount = set != nullptr ? set->visibilityTests.size() : 0;
+double PlacementScore::evaluate(SweepObservationSet& set, const Eigen::Vector3d& position) {
+  ScoreScratch& scratch = *scratch_;
+  StationPose pose = {{position.x(), position.y(), position.z()}, {1.0, 0.0, 0.0, 0.0}};
+  PoseParameters parameters = {{position.x(), position.y(), position.z()}, {0.0, 0.0, 0.0}};
 
   double sum = 0.0;
   for (const OrientationSample& sample : samples) {
     // A sample of weight not-a-number is not skipped; it makes the sum so.
     if (0.0 >= sample.weight) continue;
 
-    // The visibility test takes the rotation as a quaternion in slots 3 to 6.
-    pose[3] = sample.quaternion[0];
-    pose[4] = sample.quaternion[1];
-    pose[5] = sample.quaternion[2];
-    pose[6] = sample.quaternion[3];
-
-    int32_t visible = 0;
-    for (size_t i = 0; i < sensorCount; ++i) {
-      const bool seen = isSensorVisible(set->visibilityTests[i], pose.data());
-      set->visibleNow[i] = seen;
-      if (seen) {
-        set->everVisible[i] = true;
-        ++visible;
-      }
-    }
-    const int32_t rows = 2 * visible;
+    for (int i = 0; i < 4; ++i) pose.quaternion[i] = sample.quaternion[i];
+    const int32_t rows = 2 * markVisibleSensors(set, pose);
 
     if (rows < 1) {
       // Deliberately not weighted: an unseen pose costs the same whatever
@@ -79,29 +93,16 @@ double CoverageEvaluator::scorePlacement() {
       continue;
     }
 
-    // The Jacobian takes the rotation as an angle-axis vector in slots 3 to 5.
-    pose[3] = sample.rotationVector[0];
-    pose[4] = sample.rotationVector[1];
-    pose[5] = sample.rotationVector[2];
-
     // A failed evaluation writes nothing; a zero J then gives a singular A and
     // the sample ends as not-a-number, that is with the no-answer value.
+    for (int i = 0; i < 3; ++i) parameters.rotationVector[i] = sample.rotationVector[i];
     ScoreScratch::Jacobian& J = scratch.jacobian;
     J.setZero(rows, 6);
-    differentiateObservations(*set, pose.data(), rows, scratch.angles, J.data());
+    differentiateObservations(set, parameters, rows, scratch.angles, J.data());
 
-    const double value = sampleValue(*this, scratch, rows);
-    sum += value * sample.weight;
+    sum += sampleValue(scratch, rows) * sample.weight;
   }
   return sum * scoreScale;
-}
-
-void CoverageEvaluator::setQualityRange(double low, double high) {
-  // The curve's argument runs from -1.81845 at x = low to +1.81845 at
-  // x = high, and its value at x = 0 stays 0.
-  qualityGain = 3.6369 / (high - low);
-  qualityBias = (high * -0.5 - low * 0.5) * qualityGain;
-  qualityBase = -std::tanh(qualityBias);
 }
 
 }  // namespace sensorlay
