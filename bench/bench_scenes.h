@@ -15,11 +15,7 @@
 
 namespace sensorlay::bench {
 
-// The samples folder beside the bench folder (CMake compiles by full path).
-inline std::string samplePath(const std::string& name) {
-  const std::string source = __FILE__;
-  return source.substr(0, source.rfind("/bench/")) + "/samples/" + name;
-}
+using testing::samplePath;
 
 struct BenchScene {
   std::unique_ptr<TrackedSurface> surface;

@@ -127,10 +127,16 @@ TEST(AnalysisRunEndToEnd, RefusalsAndOutputCutShort) {
     big.modelNormals.push_back({0, 0, 1});
   }
   testing::writeModelFile(f.dir.file("big.json"), big);
+  big.channelMap = {0, 1, 2, 32};
+  big.modelPoints.resize(4);
+  big.modelNormals.resize(4);
+  testing::writeModelFile(f.dir.file("high.json"), big);
   const std::string cutShort = "Could not write the whole script to /dev/full.\n";
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"/model", "big.json", "/angleresolutiondegrees", "10"},
        "Cannot analyse big.json: it has 33 sensors, and the tables take at most 32.\n"},
+      {{"/model", "high.json", "/angleresolutiondegrees", "10"},
+       "Cannot analyse high.json: it uses channel 32, and the tables take the channels 0 to 31.\n"},
       {{"/model", "m.json", "/angleresolutiondegrees", "0"},
        "/angleresolutiondegrees must be a number of degrees above 0, not 0.\n"},
       {{"/model", "m.json", "/angleresolutiondegrees", "0.01"},

@@ -27,9 +27,6 @@ namespace {
 
 using testing::RunResult;
 
-// A box of 12 x 8 x 6 cm in metres.
-testing::Mesh designBox() { return testing::boxMesh({-0.06f, -0.04f, -0.03f}, {0.06f, 0.04f, 0.03f}, 4); }
-
 RunResult quickDesign(const testing::TempDir& dir, std::vector<std::string> args) {
   for (const char* a : {"/generate", "/norientations", "30", "/coolingrate", "0.5", "/niterations", "1",
                         "/angleresolutiondegrees", "15"})
@@ -58,7 +55,7 @@ void expectCoverageTable(const RunResult& run) { EXPECT_NE(firstLine(run.out).fi
 
 TEST(DesignRun, EightSensorsAroundFiveFixedOnes) {
   testing::TempDir dir;
-  testing::writeStlBinary(dir.file("box.stl"), designBox());
+  testing::writeStlBinary(dir.file("box.stl"), testing::shellBox());
   Constellation fixed;
   fixed.valid = true;
   fixed.channelMap = {4, 7, 9, 12, 20};
@@ -91,23 +88,13 @@ TEST(DesignRun, EightSensorsAroundFiveFixedOnes) {
                                                          writeScad(designed, "box.stl", {}, 1.0, false, true));
 }
 
-TEST(DesignRun, EachOutputAloneAFullDiskAndOpenScad) {
+TEST(DesignRun, ScriptAloneAFullDiskAndOpenScad) {
   testing::TempDir dir;
-  testing::writeStlBinary(dir.file("shell.stl"), testing::scaled(designBox(), 1000.0f));
+  testing::writeStlBinary(dir.file("shell.stl"), testing::scaled(testing::shellBox(), 1000.0f));
   testing::writeStlBinary(dir.file("cap.stl"), testing::boxMesh({-20, -20, 40}, {20, 20, 60}));
 
-  // A quality range with a bound at zero is dropped: the default curve holds.
-  RunResult run = quickDesign(dir, {"/nsensors", "6", "/sensors", "shell.stl", "/obstacles", "cap.stl", "/outmodel",
-                                    "only.json", "/qualityrange", "0", "5"});
-  ASSERT_EQ(run.status, 0) << run.err;
-  expectCoverageTable(run);
-  const std::string score = recomputedScore(dir.file("only.json"), dir.file("shell.stl"), {dir.file("cap.stl")});
-  EXPECT_EQ(firstLine(testing::readFile(dir.file("only.json"))),
-            "// Final Quality Score: " + score + " / 1000 (lower is better)");
-  EXPECT_FALSE(testing::fileExists(dir.file("only.scad")));
-
-  run = quickDesign(dir, {"/nsensors", "6", "/sensors", "shell.stl", "/obstacles", "cap.stl", "/outscad", "only.scad",
-                          "/withscadnormals"});
+  RunResult run = quickDesign(dir, {"/nsensors", "6", "/sensors", "shell.stl", "/obstacles", "cap.stl", "/outscad",
+                                    "only.scad", "/withscadnormals"});
   ASSERT_EQ(run.status, 0) << run.err;
   expectCoverageTable(run);
   const std::string script = testing::readFile(dir.file("only.scad"));
@@ -131,7 +118,7 @@ TEST(DesignRun, EachOutputAloneAFullDiskAndOpenScad) {
 // In a child, as a design lowers its thread's priority for good: the model
 // handed on is the one written, and the thread ends at the lowest priority.
 int designInProcess(const std::string& folder) {
-  testing::writeStlBinary(folder + "/box.stl", designBox());
+  testing::writeStlBinary(folder + "/box.stl", testing::shellBox());
   TrackedSurface surface(folder + "/box.stl", {});
   DesignOptions options;
   options.nSensors = 5;

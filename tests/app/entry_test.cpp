@@ -113,24 +113,14 @@ TEST(Entry, ImmediateToolsSkipValidationAndTheRestOfTheLine) {
 
 TEST(Entry, ModelFilesEndToEnd) {
   TempDir dir;
-  testing::writeFile(dir.file("garbage.json"), std::string("\x00\xff\x13{[\x80", 6) + "binary");
   testing::writeModelFile(dir.file("good.json"), testing::threeSensorConstellation(), "Final Quality Score: 1 / 1000");
-  // The kinds of unreadable file are told apart by the reader's own tests.
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"missing.json", "couldn't read missing.json: file is empty or does not exist\n"},
-      {"garbage.json", "couldn't parse standalone beaconet_config garbage.json: "},
-      {"no_such_name", "couldn't read cfg/hmd/no_such_name.json: file is empty or does not exist\n"},
-  };
-  for (const auto& [model, errStart] : cases) {
-    auto r = runSensorlay({"/model", model}, dir.path());
-    EXPECT_EQ(r.status, 1) << model;
-    EXPECT_EQ(r.err.rfind(errStart, 0), 0u) << model << ": " << r.err;
-    EXPECT_EQ(r.out, "") << model;
-  }
+  auto r = runSensorlay({"/model", "no_such_name"}, dir.path());
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "couldn't read cfg/hmd/no_such_name.json: file is empty or does not exist\n");
 
   // A model as the design run writes it, comment line included, reaches the
   // analysis; /nsensors only limits the count there.
-  auto r = runSensorlay({"/model", "good.json", "/nsensors", "2", "/angleresolutiondegrees", "45"}, dir.path());
+  r = runSensorlay({"/model", "good.json", "/nsensors", "2", "/angleresolutiondegrees", "45"}, dir.path());
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.err, "");
   EXPECT_NE(r.out, "");

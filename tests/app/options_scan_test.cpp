@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "app/options.h"
+#include "tests/support/run_binary.h"
 
 namespace sensorlay {
 namespace {
@@ -20,9 +21,8 @@ Scan scan(std::vector<std::string> args) {
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(a.data());
   Scan s;
-  ::testing::internal::CaptureStderr();
-  scanOptions(static_cast<int>(argv.size()), argv.data(), s.options, s.parseFailed, s.versionRequested);
-  s.err = ::testing::internal::GetCapturedStderr();
+  s.err = testing::capturedStderr(
+      [&] { scanOptions(static_cast<int>(argv.size()), argv.data(), s.options, s.parseFailed, s.versionRequested); });
   return s;
 }
 

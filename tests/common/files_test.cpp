@@ -26,21 +26,5 @@ TEST(TextFile, CollapsesCrLfAndYieldsEmptyOnAnyFailure) {
   EXPECT_EQ(readTextFile(""), "");
 }
 
-TEST(Paths, JoinAndUpwardSearch) {
-  EXPECT_EQ(
-      joinPath("", "b") + " " + joinPath("a\\", "b") + " " + joinPath("a//", "/b") + " " + joinPath("a", "b", '\\'),
-      "b a/b a///b a\\b");
-
-  TempDir dir;
-  const std::string deep = dir.file("One/two/three");
-  std::filesystem::create_directories(deep);
-  writeFile(dir.file("One/marker"), "x");
-  EXPECT_EQ(findAncestorNamed(deep + "/", "one"), dir.file("One"));
-  EXPECT_EQ(findAncestorNamed(deep, "nowhere"), "");
-  EXPECT_EQ(findAncestorNamed("", "tmp"), "");
-  EXPECT_EQ(findEntryUpwards(deep, "marker"), dir.file("One/marker"));
-  EXPECT_EQ(findEntryUpwards(deep, "no_entry_of_this_name"), "");
-}
-
 }  // namespace
 }  // namespace sensorlay

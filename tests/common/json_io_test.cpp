@@ -119,26 +119,5 @@ TEST(JsonWriter, NumbersKeepTheWidthOfTheirSource) {
   EXPECT_EQ(formatJsonNumber(std::nan(""), 17), "null");
 }
 
-TEST(JsonWriter, ModelLayout) {
-  JsonOut root;
-  root["channelMap"].append(0);
-  root["channelMap"].append(1);
-  JsonOut n1 = JsonOut::array();
-  n1.append(0.0f);
-  n1.append(0.0f);
-  n1.append(1.0f);
-  JsonOut n2 = JsonOut::array();
-  n2.append(0.707106769f);
-  n2.append(0.0f);
-  n2.append(0.707106769f);
-  root["modelNormals"].append(n1);
-  root["modelNormals"].append(n2);
-  EXPECT_EQ(writeStyledJson(root),
-            "{\n   \"channelMap\" : [ 0, 1 ],\n   \"modelNormals\" : [\n      [ 0, 0, 1 ],\n"
-            "      [ 0.707106769, 0, 0.707106769 ]\n   ]\n}\n");
-  EXPECT_EQ(writeStyledJson(JsonOut()), "null\n");
-  EXPECT_EQ(writeStyledJson(JsonOut::object()), "{}\n");
-}
-
 }  // namespace
 }  // namespace sensorlay

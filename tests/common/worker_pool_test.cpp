@@ -50,23 +50,6 @@ TEST(WorkerPool, EveryTaskRunsOnceOnAWorkerOfItsOwn) {
   EXPECT_FALSE(elsewhere);
 }
 
-TEST(WorkerPool, TasksOverlapInTime) {
-  // Two tasks that each wait for the other to start can only both see it when
-  // two threads run them at once; the wait is bounded so that a pool that runs
-  // them one after another fails instead of hanging.
-  WorkerPool pool(2);
-  for (int round = 0; round < 20; ++round) {
-    std::atomic<int> started{0}, met{0};
-    pool.run(2, [&](int) {
-      started++;
-      const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-      while (started.load() < 2 && std::chrono::steady_clock::now() < until) std::this_thread::yield();
-      if (started.load() == 2) met++;
-    });
-    ASSERT_EQ(met.load(), 2) << "round " << round;
-  }
-}
-
 TEST(WorkerPool, ARunInsideATaskGoesInline) {
   WorkerPool pool(3);
   std::vector<std::atomic<int>> inner(48);

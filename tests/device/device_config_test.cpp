@@ -34,13 +34,6 @@ JsonOut written(DeviceConfig config, int format) {
   return writeDeviceRecord(config);
 }
 
-Json::Value parsed(const std::string& text) {
-  Json::Value v;
-  std::string errors;
-  EXPECT_TRUE(parseJsonText(text, v, errors)) << errors;
-  return v;
-}
-
 // The value as the wide writer prints it, or "<absent>".
 std::string text(const JsonOut* v) { return v == nullptr ? "<absent>" : writeStyledJson(*v, 1000); }
 std::string text(const JsonOut& v) { return text(&v); }
@@ -115,39 +108,6 @@ TEST(DeviceConfig, ClassesAndTheDisplayRequirement) {
       R"({ "device_class": "controller", "beaconet_config": { "channelMap": [], "modelPoints": [], "modelNormals": [] } })");
   ASSERT_TRUE(writeDeviceRecord(empty).isMember("beaconet_config"));
   EXPECT_TRUE(writeDeviceRecord(empty).find("beaconet_config")->isNull());
-}
-
-TEST(DeviceConfig, EdidIds) {
-  EXPECT_EQ(edidVendorFromText("abc"), 0x4304u);
-  EXPECT_EQ(edidVendorText(0x4304u), "ABC");
-  EXPECT_EQ(edidVendorText(edidVendorFromText("VLV")), "VLV");
-  EXPECT_EQ(edidVendorFromText("ABCD"), 0u);
-  EXPECT_EQ(edidProductText(4779), "12AB");
-  EXPECT_EQ(edidProductText(0x1F), "001F");
-  EXPECT_EQ(edidProductFromText("12345"), 0u);
-
-  EXPECT_EQ(parseOk(minimalHmdJson("\"direct_mode_edid_pid\": \"12AB\"")).directModeEdidPid, 4779u);
-  EXPECT_EQ(parseOk(minimalHmdJson("\"direct_mode_edid_vid\": 17154")).directModeEdidVid, 17154u);
-  EXPECT_EQ(parseError(minimalHmdJson("\"direct_mode_edid_pid\": \"zz\"")), kCatchAll);
-  EXPECT_EQ(parseError(minimalHmdJson("\"direct_mode_edid_pid\": \"\"")), kCatchAll);
-  const JsonOut zero = written(parseOk(minimalHmdJson("\"direct_mode_edid_vid\": 0")), 1);
-  EXPECT_FALSE(zero.isMember("direct_mode_edid_vid"));
-  EXPECT_FALSE(zero.isMember("direct_mode_edid_pid"));
-}
-
-TEST(DeviceConfig, EyeDistance) {
-  const DeviceConfig range = parseOk(minimalHmdJson("\"ipd\": { \"low_mm\": 60, \"high_mm\": 70 }"));
-  EXPECT_FLOAT_EQ(range.minimumIpdStep, -0.001f);
-  const JsonOut out = written(range, 1);
-  EXPECT_FALSE(out.find("ipd")->isMember("minstep_mm"));
-  EXPECT_TRUE(out.find("ipd")->isMember("enable"));
-
-  const DeviceConfig none = parseOk(minimalHmdJson());
-  EXPECT_EQ(none.minimumIpdStep, -1.0f);
-  EXPECT_EQ(text(written(none, 0).find("minimum_ipd_step")), "-1\n");
-  EXPECT_FALSE(written(none, 1).isMember("ipd"));
-  EXPECT_FALSE(written(none, 1).isMember("minimum_ipd_step"));
-  EXPECT_FLOAT_EQ(parseOk(minimalHmdJson("\"minimum_ipd_step\": 0.002")).minimumIpdStep, 0.002f);
 }
 
 TEST(DeviceConfig, PosesAndCalibrationByGeneration) {
@@ -244,43 +204,6 @@ TEST(DisplaySections, EyesWindowsAndHiddenAreaMesh) {
   EXPECT_EQ(eyeIdText(EyeId::Count), "eNUM_EYES");
 }
 
-TEST(DisplaySections, Distortions) {
-  DistortionSection d = readDistortion(parsed(R"({ "type": "distort_poly3", "coeffs": [1, 2, 0, 0] })"));
-  EXPECT_EQ(d.type, DistortionType::Poly3);
-  EXPECT_EQ(text(writeDistortion(d)), "{\n   \"coeffs\" : [ 1, 2 ],\n   \"type\" : \"DISTORT_POLY3\"\n}\n");
-  d = readDistortion(parsed(R"({ "coeffs": [0, 1, 0, 3, 0, 0, 0, 0, 9], "center_y": 0.5 })"));
-  EXPECT_EQ(text(writeDistortion(d)),
-            "{\n   \"center_x\" : 0,\n   \"center_y\" : 0.5,\n   \"coeffs\" : [ 0, 1, 0, 3 ]\n}\n");
-  EXPECT_TRUE(writeDistortion(readDistortion(Json::Value())).isNull());
-  EXPECT_EQ(readDistortion(parsed(R"({ "type": "DISTORT__COUNT" })")).type, DistortionType::Count);
-  EXPECT_EQ(distortionTypeText(DistortionType::Count), "DISTORT__COUNT");
-  EXPECT_EQ(distortionTypeText(static_cast<DistortionType>(40)), "Unknown");
-  EXPECT_EQ(stereoDeviceIdFromText("stereo_dev_test"), StereoDeviceId::Test);
-
-  // A named first model without numbers says nothing, so the channel
-  // follows the base; a channel equal to the base is not written back.
-  const EyeSection eye = readEyeSection(parsed(R"({
-      "distortion": { "type": "DISTORT_POLY3", "coeffs": [0.5] },
-      "distortion_red": { "type": "DISTORT_POLY2_TANGENT" },
-      "distortion_blue": { "type": "DISTORT_POLY3", "coeffs": [0.5] } })"));
-  EXPECT_EQ(eye.distortionRed, eye.distortion);
-  EXPECT_EQ(eye.distortionBlue, eye.distortion);
-  const JsonOut out = writeEyeSection(eye);
-  EXPECT_TRUE(out.isMember("distortion"));
-  EXPECT_FALSE(out.isMember("distortion_red"));
-  EXPECT_FALSE(out.isMember("distortion_blue"));
-  // An eye without intrinsics reads zeros, and zeros are written.
-  EXPECT_EQ(text(out.find("intrinsics")), "[\n   [ 0, 0, 0 ],\n   [ 0, 0, 0 ],\n   [ 0, 0, 0 ]\n]\n");
-  EXPECT_FALSE(out.isMember("eye_to_head"));
-
-  EyeSection tinted = eye;
-  tinted.distortionBlue.coefficients[1] = 0.25;
-  const JsonOut both = writeEyeSection(tinted);
-  EXPECT_EQ(text(both.find("distortion_red")), text(both.find("distortion")));
-  EXPECT_EQ(text(both.find("distortion_blue")),
-            "{\n   \"coeffs\" : [ 0.5, 0.25 ],\n   \"type\" : \"DISTORT_POLY3\"\n}\n");
-}
-
 TEST(TrackingSections, CameraPrecedenceAndNames) {
   const std::string lens = R"({ "width": 640, "height": 480 })";
   DeviceConfig c = parseOk(minimalHmdJson("\"tracked_camera\": { \"intrinsics\": " + lens + " }"));
@@ -315,48 +238,12 @@ TEST(TrackingSections, CameraPrecedenceAndNames) {
   EXPECT_EQ(c.cameras[1].extrinsics.translation, Eigen::Vector3f(2, 2, 3));
   EXPECT_EQ(c.cameras[1].extrinsics.rotation, Eigen::Vector4f(0, 0, 1, 0));
 
-  c = parseOk(minimalHmdJson(R"("tracked_camera": { "name": "nose" }, "second_tracked_camera": {})"));
-  EXPECT_EQ(c.cameras[0].name, "nose");
-  // Without a first camera the second is the only one, and a pair mounting
-  // has nothing to be relative to.
-  c = parseOk(minimalHmdJson(R"("second_tracked_camera": {}, "tracked_cameras": [ {} ],
-      "dual_extrinsics": { "rotation": [0, 0, 1, 0], "translation": [1, 0, 0] })"));
-  ASSERT_EQ(c.cameras.size(), 1u);
-  EXPECT_EQ(c.cameras[0].name, "right");
-  EXPECT_EQ(c.cameras[0].extrinsics, defaultCameraMounting());
-
   c = parseOk(minimalHmdJson(R"("tracked_cameras": [ { "name": "a" }, {}, {} ])"));
   EXPECT_EQ(c.cameras[2].name, "Camera2");
   c.jsonFormat = 1;
   JsonOut out = writeDeviceRecord(c);
   EXPECT_EQ(text(out.find("isps")), "[\n   {\n      \"driver\" : \"vidcamlib\"\n   }\n]\n");
   EXPECT_TRUE(out.find("tracked_cameras")->at(2).isMember("head_from_camera"));
-  c.jsonFormat = 2;
-  out = writeDeviceRecord(c);
-  EXPECT_EQ(text(out.find("tracked_cameras")->at(0).find("extrinsics")),
-            "{\n   \"plus_x\" : [ 1, 0, 0 ],\n   \"plus_z\" : [ 0, 0.42261902962925113, 0.90630744666126928 ],\n"
-            "   \"position\" : [ 0, -0.038178000599145889, -0.074294000864028931 ]\n}\n");
-}
-
-TEST(TrackingSections, IntrinsicsCenterAndPoseForms) {
-  const CameraIntrinsics lens = readCameraIntrinsics(parsed(
-      R"({ "width": 640, "height": 480, "undist_width": 800, "undist_height": 480, "center_x": 400, "center_y": 240 })"));
-  const JsonOut out = writeCameraIntrinsics(lens);
-  EXPECT_EQ(text(out.find("center_x")), "320\n");
-  EXPECT_EQ(text(out.find("center_y")), "240\n");
-  EXPECT_FALSE(out.isMember("undist_width"));
-  EXPECT_TRUE(out.find("distort")->isNull());
-
-  TrackedCamera camera = readTrackedCamera(parsed(R"({ "extrinsics": "none" })"));
-  EXPECT_EQ(camera.extrinsics, defaultCameraMounting());
-  camera = readTrackedCamera(parsed(R"({ "extrinsics": { "position": [1, 2, 3] } })"));
-  EXPECT_EQ(camera.extrinsics, RigidTransform());
-  camera =
-      readTrackedCamera(parsed(R"({ "extrinsics": { "position": [1, 2, 3], "plus_x": [0, 1, 0], "plus_z": [0, 0, 5] },
-                  "head_from_camera": [1, 0, 0, 0, 0, 0, 0] })"));
-  EXPECT_NEAR(camera.extrinsics.rotation[2], std::sqrt(0.5), 1e-7);
-  EXPECT_NEAR(camera.extrinsics.rotation[3], std::sqrt(0.5), 1e-7);
-  EXPECT_EQ(camera.extrinsics.translation, Eigen::Vector3f(1, 2, 3));
 }
 
 }  // namespace

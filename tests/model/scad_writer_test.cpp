@@ -35,23 +35,6 @@ TEST(SensorRotateExpression, VerticalAndSidewaysNormals) {
   EXPECT_EQ(sensorRotateExpression(Eigen::Vector3f(s, 0, -s)), "-135, [0, -1, 0]");
 }
 
-TEST(WriteScad, EmptyModelKeepsTheTemplateLayout) {
-  const std::string script = writeScad(Constellation(), "", {}, 1.0, false, true);
-  // The template is 1312 characters; placeholders are replaced by their values.
-  const size_t expected = 1312 - 13 + 4 - 14 + 5 - 11 + 11 - 8 - 9;
-  EXPECT_EQ(script.size(), expected);
-  EXPECT_EQ(script.substr(0, 21), "\ndrawsensors = true;\n");
-  EXPECT_NE(script.find("drawlabels = true;\ndrawcones = true;\ndrawnormals = false;\n"), std::string::npos);
-  EXPECT_NE(script.find("modelscale = 1000.000000;\n"), std::string::npos);
-  EXPECT_NE(script.find("    if ( drawmodels )\n    {\n\n    }\n"), std::string::npos);
-  EXPECT_NE(script.find("sensors = [\n\n];\n"), std::string::npos);
-  EXPECT_NE(script.find("module constellation() {\n\tfor(s = sensors)\n    {\n"), std::string::npos);
-  EXPECT_NE(script.find("    }\n    \n    if ( drawcones )"), std::string::npos);
-  const std::string ending = "r2=0, center=true);\n    }\n}\n";
-  EXPECT_EQ(script.substr(script.size() - ending.size()), ending);
-  EXPECT_EQ(script.find('%'), std::string::npos);
-}
-
 TEST(WriteScad, RowsPathsAndFlags) {
   const std::string script =
       writeScad(threeSensors(), "C:\\dev\\shell.stl", {"obst/head.stl", "b\\strap.stl"}, 0.001, true, false);

@@ -16,6 +16,29 @@ using testing::makeSensorModel;
 constexpr double kHalfPi = 1.5707963267948966;
 const std::vector<Eigen::Vector3f> kUp(4, Eigen::Vector3f(0, 0, 1));
 
+// Channel -1 drops the second sensor from the points, but the index keeps the
+// file's numbering and runs ahead; channel 5 twice gives two records of the
+// later sensor. A new set starts its bits anew.
+TEST(ObservationSet, RecordsFollowTheModelsNumbering) {
+  auto model = testing::makeSensorModel({{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}, {4, 0, 0}},
+                                        std::vector<Eigen::Vector3f>(5, Eigen::Vector3f(0, 0, 1)), {3, -1, 4, 5, 5});
+  StationConfig station;
+  station.stationKind = static_cast<StationKind>(13);
+  const auto set = makeObservationSet(model.get(), nullptr, station);
+  const int32_t expected[] = {0, 2, 4, 4};
+  ASSERT_EQ(set->sensorSweeps.size(), 4u);
+  for (size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(set->sensorSweeps[i].sensorIndex, expected[i]);
+    EXPECT_EQ(set->visibilityTests[i].sensorIndex, expected[i]);
+    EXPECT_EQ(set->sensorSweeps[i].sweepKind, SweepKind::TiltedRotorD);
+    EXPECT_EQ(set->sensorSweeps[i].stationConfig, &station);
+  }
+  EXPECT_EQ(set->visibleNow, std::vector<bool>(4, true));
+  EXPECT_EQ(set->everVisible, std::vector<bool>(4, false));
+  auto empty = testing::makeSensorModel({}, {});
+  EXPECT_TRUE(makeObservationSet(empty.get(), nullptr, station)->sensorSweeps.empty());
+}
+
 TEST(SweepModel, TwoSweepAnglesCentreAndSigns) {
   // 2 m in front of the station: one sensor straight ahead, one to +x, one to +y.
   auto model = makeSensorModel({{0, 0, 0}, {0.1f, 0, 0}, {0, 0.1f, 0}}, {kUp.begin(), kUp.begin() + 3});

@@ -13,6 +13,7 @@
 #include "observation/sweep_model.h"
 #include "quality/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
+#include "tests/support/meshes.h"
 #include "tests/support/score_runs.h"
 
 namespace sensorlay {
@@ -20,8 +21,6 @@ namespace {
 
 using testing::attach;
 using testing::makeSensorModel;
-
-const std::string kSamples = std::string(SENSORLAY_SOURCE_DIR) + "/samples/";
 
 // A model on a surface (or without one), its evaluator, and the moves of a
 // search: one sensor to a new place, kept or put back.
@@ -43,7 +42,8 @@ struct Search {
   static Search onDevice(const std::string& mesh, const std::string& obstacle, uint32_t seed, int count,
                          int32_t orientations) {
     auto surface = std::make_unique<TrackedSurface>(
-        kSamples + mesh, obstacle.empty() ? std::vector<std::string>{} : std::vector<std::string>{kSamples + obstacle});
+        testing::samplePath(mesh),
+        obstacle.empty() ? std::vector<std::string>{} : std::vector<std::string>{testing::samplePath(obstacle)});
     surface->seedGenerator(seed);
     std::vector<Eigen::Vector3f> points(static_cast<size_t>(count)), normals(points.size());
     for (size_t i = 0; i < points.size(); ++i) surface->randomPlacement(points[i], normals[i]);
@@ -106,27 +106,6 @@ void walk(Search& search, FastScorer& scorer, WorkerPool& pool, int moves, doubl
       FastScorer fresh(*search.evaluator, pool);
       EXPECT_EQ(fresh.scoreAll(), current) << "move " << i;
     }
-  }
-}
-
-TEST(FastScore, ClosedFormRowsAreTheJetDerivatives) {
-  // One sensor seen at a time; the Jacobian of the reference against the
-  // closed form, at the identity (the quaternion's Taylor branch), at a half
-  // turn and at random rotations, near and far from the origin.
-  std::mt19937 g(5);
-  std::uniform_real_distribution<double> unit(-1.0, 1.0);
-  std::vector<std::array<double, 3>> rotations = {{0, 0, 0}, {3.14159, 0, 0}, {1e-9, -2e-9, 0}};
-  for (int i = 0; i < 40; ++i) rotations.push_back({2 * unit(g), 2 * unit(g), 2 * unit(g)});
-  for (const auto& omega : rotations) {
-    const Eigen::Vector3f p(0.2f * unit(g), 0.2f * unit(g), 0.2f * unit(g));
-    auto model = makeSensorModel({p}, {Eigen::Vector3f(0, 0, 1)});
-    CoverageEvaluator evaluator;
-    attach(evaluator, model.get());
-    const PoseParameters pose = {{0.1 * unit(g), 0.1 * unit(g), -2.0}, {omega[0], omega[1], omega[2]}};
-    double angles[2], jets[12], rows[12];
-    ASSERT_TRUE(differentiateObservations(*evaluator.observations, pose, 2, angles, jets));
-    twoSweepRows(stationRotation(omega.data()), pose.position, model->points[0].data(), rows);
-    for (int e = 0; e < 12; ++e) EXPECT_NEAR(rows[e], jets[e], 1e-13) << omega[0] << " " << e;
   }
 }
 

@@ -64,29 +64,6 @@ TEST(Score, NothingVisibleAndTheWeights) {
   EXPECT_EQ(evaluator.scorePlacement(), 0.0);
 }
 
-TEST(Score, QualityCurve) {
-  CoverageEvaluator evaluator;
-  evaluator.setQualityRange(0.0018155, 0.0381845);
-  EXPECT_NEAR(evaluator.score.curve.gain, 100.0, 1e-9);
-  EXPECT_NEAR(evaluator.score.curve.bias, -2.0, 1e-12);
-  EXPECT_NEAR(evaluator.score.curve.base, 0.9640275800758169, 1e-12);
-
-  // Read x through a curve of tanh alone, scale the noise so that x is 0.02,
-  // and the default curve gives tanh(0) + tanh(2) there.
-  auto model = makeSphereSensors(16, 0.08f);
-  CoverageEvaluator scorer;
-  attach(scorer, model.get());
-  scorer.sampleOrientations(40);
-  const OrientationSample sample = scorer.score.samples[5];
-  scorer.score.curve.gain = 1.0;
-  scorer.score.curve.bias = scorer.score.curve.base = 0.0;
-  const double x = std::atanh(sampleValue(scorer, sample));
-  ASSERT_GT(x, 0.0);
-  scorer.setQualityRange(0.0018155, 0.0381845);
-  scorer.score.measurementInformation *= (x / 0.02) * (x / 0.02);
-  EXPECT_NEAR(sampleValue(scorer, sample), 0.9640275800758169, 1e-9);
-}
-
 TEST(Score, TheSurfaceHidesSensorsBehindObstacles) {
   // A 10 cm cube with five sensors on its +Z face. A plate 2 m wide 45 cm
   // above them hides them from every direction the 60 degree limit allows

@@ -173,53 +173,5 @@ TEST(SensitivityTable, PositionTurnsWithTheDevice) {
   EXPECT_TRUE(table.err.empty());
 }
 
-TEST(PoseSolvability, AxesAreCountedOncePerSensor) {
-  Points six = {{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0}, {0, 0, 0.05f}, {0.05f, 0, 0.05f}};
-  auto model = makeSensorModel(six, Points(6, kUp));
-  std::vector<AxisObservation> hits;
-  // The four coplanar sensors on both axes, one lifted sensor on each axis
-  // alone: only the per-axis sets span a volume.
-  for (int32_t c = 0; c < 4; ++c) hits.insert(hits.end(), {{c, 0}, {c, 1}});
-  hits.push_back({4, 0});
-  hits.push_back({5, 1});
-  // Out of the mask's reach: passed over.
-  hits.insert(hits.end(), {{32, 0}, {-1, 1}, {2, 2}});
-  PoseSolvability check(*model, hits);
-  EXPECT_TRUE(check.isSolvable());
-  EXPECT_EQ(check.axisCount[0], 5);
-  EXPECT_EQ(check.axisCount[1], 5);
-  EXPECT_EQ(check.bothAxesCount, 4);
-  EXPECT_EQ(check.consumed, hits.size());
-  check.update();
-  EXPECT_EQ(check.axisCount[0], 5);
-
-  // A square with one corner lifted: each corner lies about the lift off the
-  // plane of the other three. Within minSpread it stays flat; beyond, it spans.
-  const int32_t plane[] = {0, 1, 2, 3};
-  EXPECT_FALSE(check.spansVolume(plane, 4));
-  auto nearPlane = makeSensorModel({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0.0084f}}, Points(4, kUp));
-  EXPECT_FALSE(PoseSolvability(*nearPlane, hits).spansVolume(plane, 4));
-  auto offPlane = makeSensorModel({{0, 0, 0}, {0.05f, 0, 0}, {0, 0.05f, 0}, {0.05f, 0.05f, 0.0086f}}, Points(4, kUp));
-  EXPECT_TRUE(PoseSolvability(*offPlane, hits).spansVolume(plane, 4));
-}
-
-TEST(ReportLimits, ModelsBeyondTheMatrixAreRefused) {
-  Points many(33, kUp), normals(33, kUp);
-  for (size_t i = 0; i < many.size(); ++i) many[i] = Eigen::Vector3f(0.01f * i, 0.001f * i * i, 0);
-  auto tooMany = makeSensorModel(many, normals);
-  EXPECT_NE(reportModelProblem(*tooMany).find("at most 32"), std::string::npos);
-  auto highChannel = makeSensorModel(kTetrahedron, Points(4, kUp), {0, 1, 2, 32});
-  EXPECT_NE(reportModelProblem(*highChannel).find("channel 32"), std::string::npos);
-  auto full = makeSensorModel({many.begin(), many.begin() + 32}, {normals.begin(), normals.begin() + 32});
-  EXPECT_EQ(reportModelProblem(*full), "");
-
-  CoverageEvaluator evaluator;
-  testing::attach(evaluator, tooMany.get());
-  evaluator.score.samples = {OrientationSample()};
-  const testing::PrintedTable table = printTable(evaluator);
-  EXPECT_EQ(table.out, "");
-  EXPECT_NE(table.err.find("at most 32"), std::string::npos);
-}
-
 }  // namespace
 }  // namespace sensorlay

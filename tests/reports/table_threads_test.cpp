@@ -105,37 +105,10 @@ TEST(TableThreads, EveryThreadCountPrintsTheOneThreadTable) {
       }
 }
 
-TEST(TableThreads, ASensorSeenInOneRowIsSeenWhicheverThreadHadIt) {
-  // One sensor faces the station, one faces away; a single row turns the
-  // device round and sees only the second. Whichever thread computed that row,
-  // its line stands in its place and the second sensor counts as seen; when
-  // it is the last row, the evaluator keeps its bits.
-  auto model = testing::makeSensorModel({{0.0f, 0.0f, 0.01f}, {0.0f, 0.0f, -0.01f}}, {{0, 0, 1}, {0, 0, -1}}, {5, 6});
-  const OrientationSample turned{0, 0, {3.141592653589793, 0, 0}, {0, 1, 0, 0}};  // half a turn about x
-  for (int threads : {2, 3})
-    for (size_t row : {0, 57, 120, 199}) {
-      CoverageEvaluator evaluator;
-      testing::attach(evaluator, model.get());
-      evaluator.score.samples.assign(200, OrientationSample());
-      evaluator.score.samples[row] = turned;
-      const TableRun run = printOnThreads(evaluator, threads, false);
-      EXPECT_EQ(run.err, "") << threads << " threads, row " << row;
-      std::istringstream lines(run.out);
-      size_t count = 0, turnedAt = 0;
-      for (std::string line; std::getline(lines, line); ++count)
-        if (line.substr(line.size() - 2) == " 6") turnedAt = count;
-      EXPECT_EQ(count, 200u);
-      EXPECT_EQ(turnedAt, row);
-      const bool last = row == 199;
-      EXPECT_EQ(run.visibleNow, (std::vector<bool>{!last, last})) << row;
-    }
-}
-
 TEST(TableThreads, AMissingPositionStopsTheTableAfterTheRowsBefore) {
   // A sensor whose channel leaves the model's index after the observation set
-  // was made is still seen, but the grade cannot place it. The worker that
-  // meets it leaves the stop to the calling thread, which writes the rows
-  // before it and hands the complaint back.
+  // was made is still seen, but the grade cannot place it: the rows before it
+  // are written, whichever thread met it, and the complaint comes back.
   Fixture f;
   CoverageEvaluator evaluator;
   evaluator.model = f.model.get();
@@ -144,10 +117,7 @@ TEST(TableThreads, AMissingPositionStopsTheTableAfterTheRowsBefore) {
   evaluator.score.samples = buildReportGrid(kFullTurn, degrees(5.0));
   const TableRun run = printOnThreads(evaluator, 2, false);
   EXPECT_EQ(run.err, "The sensor model has no position for channel 7.\n");
-  ASSERT_FALSE(run.out.empty());
-  EXPECT_EQ(run.out.back(), '\n');
-  const size_t rows = static_cast<size_t>(std::count(run.out.begin(), run.out.end(), '\n'));
-  EXPECT_LT(rows, evaluator.score.samples.size());
+  EXPECT_LT(static_cast<size_t>(std::count(run.out.begin(), run.out.end(), '\n')), evaluator.score.samples.size());
   EXPECT_EQ(printOnThreads(evaluator, 1, false).out, run.out);
 }
 

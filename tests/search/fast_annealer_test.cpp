@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <sstream>
@@ -16,12 +17,11 @@
 #include "search/annealer.h"
 #include "surface/tracked_surface.h"
 #include "tests/support/allocation_counter.h"
+#include "tests/support/meshes.h"
 #include "tests/support/score_runs.h"
 
 namespace sensorlay {
 namespace {
-
-const std::string kSamples = std::string(SENSORLAY_SOURCE_DIR) + "/samples/";
 
 struct Trial {
   int32_t sensor;
@@ -50,7 +50,7 @@ AnnealerOptions searchOptions(TrackedSurface& surface, WorkerPool& pool, int32_t
 // A short design on the headset with the head in the way, with fixed seeds
 // for the surface's draws and the trial generator.
 Design design(bool reference, int threads) {
-  TrackedSurface surface(kSamples + "headset.stl", {kSamples + "headset_head.stl"});
+  TrackedSurface surface(testing::samplePath("headset.stl"), {testing::samplePath("headset_head.stl")});
   surface.seedGenerator(21);
   WorkerPool pool(threads);
   auto model = makeEmptySensorModel(20);
@@ -109,7 +109,7 @@ TEST(FastAnnealer, TrialsAllocateNothing) {
   // A whole search allocates in its set-up only: as much for one level of
   // trials as for four, on two threads.
   WorkerPool pool(2);
-  TrackedSurface surface(kSamples + "headset.stl", {kSamples + "headset_head.stl"});
+  TrackedSurface surface(testing::samplePath("headset.stl"), {testing::samplePath("headset_head.stl")});
   surface.seedGenerator(2);
   auto model = makeEmptySensorModel(20);
   model->cosMaxIncidence = 0.5;
@@ -123,32 +123,74 @@ TEST(FastAnnealer, TrialsAllocateNothing) {
   EXPECT_EQ(perRun[0], perRun[1]);
 }
 
-// The bundled devices must be usable for a design: millimetre files, closed
-// enough for rays, and with room for 6 mm sensors on most of their area, or a
-// design on them would search for ever.
-TEST(SampleDevices, MillimetreMeshesWithRoomForSensors) {
+// The search's moves: late in the schedule nine in ten turn a sensor by no
+// more than the facing cone (about 16 degrees at the end temperature) and the
+// rest may land anywhere, so that a few jump far; early on they go anywhere.
+TEST(SearchMoves, LateMovesStayNearAndAFewJumpFar) {
+  TrackedSurface surface(testing::samplePath("headset.stl"), {testing::samplePath("headset_head.stl")});
+  surface.seedGenerator(4);
+  WorkerPool pool(1);
+  const AnnealerOptions options = searchOptions(surface, pool, 1, 10, 0.9, 6u);
+  auto model = makeEmptySensorModel(20);
+  placeInitialSensors(options, *model);
+  Annealer annealer(*model, options);
+  for (double T : {annealEndTemperature, annealStartTemperature}) {
+    int near = 0, far = 0;
+    const int moves = 2000;
+    for (int i = 0; i < moves; ++i) {
+      Eigen::Vector3f point = model->points[i % 20].cast<float>(), normal = model->normals[i % 20].cast<float>();
+      const Eigen::Vector3f before = normal;
+      annealer.moveSensor(point, normal, T);
+      const double degrees = std::acos(std::clamp(static_cast<double>(before.dot(normal)), -1.0, 1.0)) * 57.29577951;
+      near += degrees < 16.5 ? 1 : 0;
+      far += degrees > 45.0 ? 1 : 0;
+    }
+    SCOPED_TRACE("temperature " + std::to_string(T));
+    if (T == annealEndTemperature) {
+      EXPECT_GT(near, moves * 85 / 100);
+      EXPECT_GT(far, moves * 3 / 100);
+      EXPECT_LT(far, moves * 15 / 100);
+    } else {
+      EXPECT_LT(near, moves * 20 / 100);
+      EXPECT_GT(far, moves * 60 / 100);
+    }
+  }
+}
+
+// Sensors spread over the device see it from more sides than sensors
+// crowded on one patch, and a seeded search improves clearly on its start.
+TEST(SearchOnTheBundledDevices, SpreadBeatsClusteredAndTheSearchImproves) {
   for (const auto& [name, obstacles] :
-       {std::pair<std::string, std::vector<std::string>>{"headset.stl", {kSamples + "headset_head.stl"}},
+       {std::pair<std::string, std::vector<std::string>>{"headset.stl", {testing::samplePath("headset_head.stl")}},
         {"controller.stl", {}}}) {
     SCOPED_TRACE(name);
-    TrackedSurface surface(kSamples + name, obstacles);
-    ASSERT_GT(surface.faceCount(), 10000u);
-    EXPECT_EQ(surface.getScale(), 0.001);
-    // Positions drawn by area, with the face's own normal, as in a design.
-    // A fitting one finds its surface right below, unless something lies
-    // within a centimetre above: the head covers part of the headset's back.
-    surface.seedGenerator(1);
-    int fits = 0, onSurface = 0;
-    for (int i = 0; i < 2000; ++i) {
-      const int32_t face = surface.randomFace();
-      const Eigen::Vector3f point = surface.randomPointOnFace(face);
-      const Eigen::Vector3f normal = surface.faceNormals.row(face).transpose();
-      if (!surface.sensorFits(point, normal)) continue;
-      ++fits;
-      onSurface += surface.isOnSurface(point, normal) ? 1 : 0;
+    TrackedSurface surface(testing::samplePath(name), obstacles);
+    surface.seedGenerator(8);
+    WorkerPool pool(2);
+    AnnealerOptions options = searchOptions(surface, pool, 1, 300, 0.8, 9u);
+    auto spread = makeEmptySensorModel(12);
+    spread->cosMaxIncidence = 0.5;
+    placeInitialSensors(options, *spread);
+    // The clustered layout: every sensor near the first one, drawn as late
+    // moves of it.
+    auto clustered = makeEmptySensorModel(12);
+    clustered->cosMaxIncidence = 0.5;
+    clustered->points[0] = spread->points[0];
+    clustered->normals[0] = spread->normals[0];
+    for (int i = 1; i < 12; ++i) {
+      Eigen::Vector3f p = spread->points[0].cast<float>(), n = spread->normals[0].cast<float>();
+      surface.randomPlacementFacing(p, n, 0.96f);
+      clustered->points[i] = p.cast<double>();
+      clustered->normals[i] = n.cast<double>();
     }
-    EXPECT_GE(fits, 1600);
-    EXPECT_GE(onSurface, 0.9 * fits);
+    const double spreadScore = testing::freshScore(spread.get(), &surface, 300);
+    const double clusteredScore = testing::freshScore(clustered.get(), &surface, 300);
+    EXPECT_LT(spreadScore + 50.0, clusteredScore);
+
+    Annealer annealer(*spread, options);
+    Constellation best;
+    annealer.anneal(best);
+    EXPECT_LT(annealer.bestScore, 0.8 * spreadScore);
   }
 }
 

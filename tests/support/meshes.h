@@ -36,6 +36,16 @@ Mesh twoTrianglesMesh();
 // Floor z = 0 over [0,1]^2 facing +z and a wall x = 0 facing +x: a concave corner.
 Mesh concaveCornerMesh(float side = 0.1f);
 
+// A box of 12 x 8 x 6 cm in metres, each face in 4 x 4 squares: a device
+// shell small enough for quick designs.
+inline Mesh shellBox() { return boxMesh({-0.06f, -0.04f, -0.03f}, {0.06f, 0.04f, 0.03f}, 4); }
+
+// A bundled sample device file (samples/ in the source tree).
+inline std::string samplePath(const std::string& name) {
+  const std::string source = __FILE__;
+  return source.substr(0, source.rfind("/tests/support/")) + "/samples/" + name;
+}
+
 Mesh concat(const Mesh& a, const Mesh& b);
 Mesh translated(const Mesh& m, const Eigen::Vector3f& offset);
 Mesh scaled(const Mesh& m, float factor);

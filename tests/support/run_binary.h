@@ -1,6 +1,8 @@
 #pragma once
 // Runs the real sensorlay binary for end-to-end tests.
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 
@@ -30,6 +32,20 @@ class TempDir {
  private:
   std::string path_;
 };
+
+// What `run` writes to the standard error or output stream of this process.
+template <class F>
+std::string capturedStderr(F&& run) {
+  ::testing::internal::CaptureStderr();
+  run();
+  return ::testing::internal::GetCapturedStderr();
+}
+template <class F>
+std::string capturedStdout(F&& run) {
+  ::testing::internal::CaptureStdout();
+  run();
+  return ::testing::internal::GetCapturedStdout();
+}
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);

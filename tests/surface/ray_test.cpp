@@ -12,22 +12,6 @@ namespace {
 using namespace sensorlay::testing;
 using V3 = Eigen::Vector3f;
 
-TEST(CastRay, HitsFromBothSidesWithinTheRange) {
-  TempDir dir;
-  auto s = buildSurface(dir, plateMesh(0.1f, 0.0f, 3));
-  const V3 down(0, 0, -1), up(0, 0, 1), above(0.01f, 0.02f, 1);
-  EXPECT_TRUE(s->castRay(above, down, 0, 2));
-  EXPECT_TRUE(s->castRay(-above, up, 0, 2));  // back side
-  EXPECT_FALSE(s->castRay(above, down, 0, 0.99f));
-  EXPECT_FALSE(s->castRay(above, down, 1.01f, 2));
-  EXPECT_FALSE(s->castRay(above, up, 0, 2));
-  EXPECT_TRUE(s->castRay(above, down * 4, 0, 0.3f));  // in units of the direction's length
-  EXPECT_FALSE(s->castRay({0.2f, 0, 1}, down, 0, 2));
-  // Rays the scene can't take hit nothing.
-  EXPECT_FALSE(s->castRay(above, V3(std::nanf(""), 0, -1), 0, 2));
-  EXPECT_FALSE(s->castRay(above, V3::Zero(), 0, 2));
-}
-
 TEST(SensorFits, FlatFacesFitAndConvexEdgesDoNot) {
   TempDir dir;
   auto s = buildSurface(dir, cubeMesh(0.1f, 4));  // top face at z = 0.05, edge at x = 0.05

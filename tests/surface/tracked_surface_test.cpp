@@ -53,24 +53,6 @@ TEST(TrackedSurface, NormalsAreUnitAndTheAreaTableRunsInTriangleOrder) {
   EXPECT_EQ(s.totalArea, s.cumulativeAreas.back());
 }
 
-TEST(TrackedSurface, ObstaclesJoinTheSceneButNotTheMesh) {
-  TempDir dir;
-  // A 10 mm plate in millimetres; obstacles in the same unit above it.
-  writeStlBinary(dir.file("s.stl"), plateMesh(10.0f, 0.0f));
-  writeStlBinary(dir.file("o1.stl"), translated(plateMesh(2.0f), {3, 0, 5}));
-  writeStlAscii(dir.file("o2.stl"), translated(plateMesh(2.0f), {-3, 0, 5}));
-  TrackedSurface s(dir.file("s.stl"), {dir.file("o1.stl"), dir.file("o2.stl")});
-  ASSERT_EQ(s.faceCount(), 2u);
-  EXPECT_EQ(s.getScale(), 0.001);
-  EXPECT_EQ(s.vertices.rows(), 6);
-  const Eigen::Vector3f up(0, 0, 1);
-  EXPECT_TRUE(s.castRay({0.003f, 0, 0.001f}, up, 0, 1));
-  EXPECT_TRUE(s.castRay({-0.003f, 0, 0.001f}, up, 0, 1));
-  EXPECT_FALSE(s.castRay({0, 0, 0.001f}, up, 0, 1));
-  EXPECT_FALSE(s.castRay({0.003f, 0, 0.006f}, up, 0, 1));  // scaled with the surface's factor
-  EXPECT_NE(s.generator(), kDefaultFirstOutput);
-}
-
 TEST(TrackedSurface, FailedBuildsLeaveNoFacesAndTheGeneratorUnseeded) {
   TempDir dir;
   writeStlBinary(dir.file("s.stl"), plateMesh(1.0f));

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "common/files.h"
+#include "tests/support/run_binary.h"
 
 namespace sensorlay {
 namespace {
@@ -15,9 +16,7 @@ TEST(Version, LineAndErrorForm) {
   EXPECT_EQ(error + name + " " + version, "tool 12034");
   EXPECT_FALSE(lookUpVersionInformation("", "tool", "1.0.0.0", error, nullptr, nullptr));
 
-  ::testing::internal::CaptureStdout();
-  EXPECT_FALSE(printVersionReport(false, error, "", ""));
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+  EXPECT_EQ(testing::capturedStdout([&] { EXPECT_FALSE(printVersionReport(false, error, "", "")); }),
             "ERROR:  GetExeVersionInformation() failed.\n"
             "    error string: ERROR:  Path_GetExecutablePath() failed in GetExeVersionInformation().\n\n");
 
