@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include <cfloat>
+#include <cmath>
 #include <cstdio>
 #include <string>
 #include <utility>
@@ -13,6 +15,10 @@
 namespace sensorlay {
 
 namespace {
+
+// The distance goes squared into the length of the device's position; beyond
+// about 1e154 metres that square overflows and every row comes out unseen.
+constexpr double kMaxStationDistance = 1e150;
 
 // "%d" and "%lf" skip leading blanks and ignore trailing text: "12abc" reads
 // as 12. A token that yields nothing leaves the field as it was.
@@ -169,6 +175,35 @@ ValidationOutcome validateOptions(const DesignOptions& options, bool parseFailed
   if (options.srbTiltRadians != 0.0 && options.generate)
     return fail("/srbtiltdegrees is not plumbed to /generate yet\n");
   if (parseFailed) return ValidationOutcome::ShowUsage;
+
+  // Values that a run could only turn into a meaningless result (a score of
+  // not-a-number, a table of empty rows) written as if it were good: refused
+  // before any work. Values the run copes with keep their behaviour.
+  char message[256];
+  auto failWith = [&](const char* format, double a, double b = 0.0) {
+    std::snprintf(message, sizeof message, format, a, b);
+    return fail(message);
+  };
+  if (options.generate) {
+    if (std::isnan(options.coolingRate)) return fail("/coolingrate must be a number below 1.0, not nan\n");
+    // A range with a bound at or below zero is dropped, so only a used one
+    // can leave the quality curve without a width (an infinite slope).
+    const double low = options.qualityRangeLow, high = options.qualityRangeHigh;
+    if (low > 0.0 && high > 0.0 && !(std::isfinite(high) && high - low >= DBL_MIN))
+      return failWith("/qualityrange %g %g cannot shape the quality curve: give two different finite values\n", low,
+                      high);
+  }
+  // Only the coverage and sensitivity tables place the station.
+  const bool tablePrinted = options.verifyCoverage == 0 && (options.generate || options.outScadPath.empty());
+  if (tablePrinted) {
+    const double distance = std::fabs(options.distanceBaseMeters);
+    if (!(distance > 0.0 && distance <= kMaxStationDistance))
+      return failWith(
+          "/distancebasemeters %g cannot place the base station: give a distance above 0 and at most %g "
+          "metres\n",
+          options.distanceBaseMeters, kMaxStationDistance);
+    if (!std::isfinite(options.srbTiltRadians)) return fail("/srbtiltdegrees must be a finite number of degrees\n");
+  }
   return ValidationOutcome::Passed;
 }
 

@@ -61,6 +61,24 @@ TEST(Entry, VersionUsageAndValidationMessages) {
       {{"/verifycoverage", "100", "/outscad", "x.scad"}, "/verifycoverage requires /sensors and /outscad\n"},
       {{"/generate", "/sensors", "s.stl", "/outmodel", "o.json", "/nsensors", "4", "/srbtiltdegrees", "5"},
        "/srbtiltdegrees is not plumbed to /generate yet\n"},
+      // Values that would make the result meaningless, refused before any file is read.
+      {{"/generate", "/sensors", "s.stl", "/outmodel", "o.json", "/nsensors", "4", "/coolingrate", "nan"},
+       "/coolingrate must be a number below 1.0, not nan\n"},
+      {{"/generate", "/sensors", "s.stl", "/outmodel", "o.json", "/nsensors", "4", "/qualityrange", "0.02", "0.02"},
+       "/qualityrange 0.02 0.02 cannot shape the quality curve: give two different finite values\n"},
+      {{"/generate", "/sensors", "s.stl", "/outmodel", "o.json", "/nsensors", "4", "/qualityrange", "inf", "0.5"},
+       "/qualityrange 0.5 inf cannot shape the quality curve: give two different finite values\n"},
+      {{"/model", "m.json", "/distancebasemeters", "0"},
+       "/distancebasemeters 0 cannot place the base station: give a distance above 0 and at most 1e+150 metres\n"},
+      {{"/model", "m.json", "/distancebasemeters", "-1e300"},
+       "/distancebasemeters -1e+300 cannot place the base station: give a distance above 0 and at most 1e+150 "
+       "metres\n"},
+      {{"/model", "m.json", "/distancebasemeters", "nan"},
+       "/distancebasemeters nan cannot place the base station: give a distance above 0 and at most 1e+150 metres\n"},
+      {{"/model", "m.json", "/srbtiltdegrees", "-inf"}, "/srbtiltdegrees must be a finite number of degrees\n"},
+      // The distance places no station in a script.
+      {{"/model", "m.json", "/outscad", "x.scad", "/distancebasemeters", "0"},
+       "couldn't read m.json: file is empty or does not exist\n"},
       {{"/nsensors", "32"}, kUsage},
       {{"/model", "m.json", "/nsensors"}, "Unrecognized command line switch [ /nsensors ].\n" + kUsage},
       {{"/model", "m.json", "stray"}, "Unrecognized command line argument [ stray ].\n" + kUsage},
@@ -91,8 +109,28 @@ TEST(Entry, VersionUsageAndValidationMessages) {
             "couldn't read : file is empty or does not exist\n");
 
   // Past every check, the missing surface is the first thing to fail.
-  auto r = runSensorlay({"/generate", "/sensors", "s.stl", "/outmodel", "o.json", "/nsensors", "32", "/srbtiltdegrees",
-                         "0", "/coolingrate", "-2"});
+  // Values the run copes with are not refused: a negative or zero rate ends
+  // the schedule after one level, a range with a bound at 0 is dropped.
+  auto r = runSensorlay({"/generate",
+                         "/sensors",
+                         "s.stl",
+                         "/outmodel",
+                         "o.json",
+                         "/nsensors",
+                         "32",
+                         "/srbtiltdegrees",
+                         "0",
+                         "/coolingrate",
+                         "-2",
+                         "/qualityrange",
+                         "0",
+                         "0",
+                         "/norientations",
+                         "0",
+                         "/niterations",
+                         "0",
+                         "/distancebasemeters",
+                         "-1e150"});
   EXPECT_EQ(r.status, 1);
   const std::string last = "Could not build tracked surface from \"s.stl\"\n";
   EXPECT_EQ(r.err.substr(r.err.size() - std::min(r.err.size(), last.size())), last) << r.err;
