@@ -6,9 +6,12 @@
 
 #include <cstdio>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "app/modes.h"
 #include "app/options.h"
+#include "common/output_file.h"
 #include "common/worker_pool.h"
 #include "device/model_loading.h"
 #include "surface/tracked_surface.h"
@@ -24,6 +27,24 @@ namespace {
 void lowerThreadPriority() {
   const id_t thread = static_cast<id_t>(syscall(SYS_gettid));
   (void)setpriority(PRIO_PROCESS, thread, 19);
+}
+
+// Checks each file the selected mode will write: the script whenever one is
+// named (design, preview or conversion), the model file only in a design run
+// that the preview does not pre-empt. False after naming the path and why.
+bool checkOutputPaths(const DesignOptions& options) {
+  std::vector<std::string> paths;
+  if (!options.outScadPath.empty()) paths.push_back(options.outScadPath);
+  if (options.generate && options.verifyCoverage == 0 && !options.outModelPath.empty())
+    paths.push_back(options.outModelPath);
+  for (const std::string& path : paths) {
+    const Status writable = checkWritable(path);
+    if (!writable) {
+      std::fprintf(stderr, "%s\n", writable.message().c_str());
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace
@@ -48,6 +69,10 @@ int runEntry(int argc, char** argv) {
     case ValidationOutcome::Passed:
       break;
   }
+
+  // A design can run for hours; an output that cannot be created is found
+  // out now, not when the result has nowhere to go.
+  if (!checkOutputPaths(options)) return 1;
 
   std::unique_ptr<SensorModel> model;
   if (!options.modelPath.empty()) {

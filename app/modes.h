@@ -35,9 +35,9 @@ int convertModelToScad(const DesignOptions& options, TrackedSurface* surface);
 int runVerifyCoverage(const DesignOptions& options, TrackedSurface& surface);
 
 // Writes a whole output file; false when it was opened but could not be
-// written in full, and the older file at the path is then kept. A path that
-// cannot be opened loses the output without a word, as every output of the
-// program does.
+// written in full, and the older file at the path is then kept. The entry
+// point has refused paths that cannot be created before any work; one that
+// became so since loses the output without a word.
 bool writeOutputFile(const std::string& path, const std::string& text);
 
 }  // namespace sensorlay

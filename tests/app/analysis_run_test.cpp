@@ -147,6 +147,10 @@ TEST(AnalysisRunEndToEnd, RefusalsAndOutputCutShort) {
        "/verifycoverage 2000000 is more than the 1000000 placements that one preview can show.\n"},
       {{"/model", "m.json", "/outscad", "/dev/full"}, cutShort},
       {{"/verifycoverage", "5", "/sensors", "cube.stl", "/outscad", "/dev/full"}, cutShort},
+      // Outputs that cannot be created are refused before any work.
+      {{"/model", "m.json", "/outscad", "no/such/folder/y.scad"},
+       "cannot write no/such/folder/y.scad: its folder no/such/folder does not exist\n"},
+      {{"/verifycoverage", "5", "/sensors", "cube.stl", "/outscad", "."}, "cannot write .: it is a folder\n"},
   };
   for (const auto& [args, err] : cases) {
     const auto r = f.run(args);

@@ -110,6 +110,19 @@ TEST(DesignRun, ScriptAloneAFullDiskAndOpenScad) {
   EXPECT_NE(run.err.find("\nCould not write the whole model file to /dev/full.\n"), std::string::npos) << run.err;
   EXPECT_EQ(run.out, "");
 
+  // A model path that cannot be created is refused before the search; the
+  // older script at the other path is kept. The preview, which wins over the
+  // design, writes no model file, so its path is not looked at.
+  testing::writeFile(dir.file("keep.scad"), "older");
+  run = quickDesign(dir, {"/nsensors", "4", "/sensors", "shell.stl", "/outscad", "keep.scad", "/outmodel", "gone/m.json"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "cannot write gone/m.json: its folder gone does not exist\n");
+  EXPECT_EQ(testing::readFile(dir.file("keep.scad")), "older");
+  run = testing::runSensorlay({"/generate", "/verifycoverage", "3", "/nsensors", "4", "/sensors", "shell.stl",
+                               "/outscad", "fit.scad", "/outmodel", "gone/m.json"},
+                              dir.path());
+  EXPECT_EQ(run.status, 0) << run.err;
+
   if (std::system("command -v openscad > /dev/null 2>&1") != 0) GTEST_SKIP() << "openscad is not installed";
   const std::string command = "cd '" + dir.path() + "' && openscad -o out.csg only.scad > openscad.log 2>&1";
   EXPECT_EQ(std::system(command.c_str()), 0) << testing::readFile(dir.file("openscad.log"));
