@@ -114,7 +114,8 @@ TEST(DesignRun, ScriptAloneAFullDiskAndOpenScad) {
   // older script at the other path is kept. The preview, which wins over the
   // design, writes no model file, so its path is not looked at.
   testing::writeFile(dir.file("keep.scad"), "older");
-  run = quickDesign(dir, {"/nsensors", "4", "/sensors", "shell.stl", "/outscad", "keep.scad", "/outmodel", "gone/m.json"});
+  run = quickDesign(dir,
+                    {"/nsensors", "4", "/sensors", "shell.stl", "/outscad", "keep.scad", "/outmodel", "gone/m.json"});
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.err, "cannot write gone/m.json: its folder gone does not exist\n");
   EXPECT_EQ(testing::readFile(dir.file("keep.scad")), "older");
