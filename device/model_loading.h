@@ -12,7 +12,7 @@
 namespace sensorlay {
 
 // The model section of a file as it stands, sensors on negative channels
-// included.
+// included. A position that is not finite in single precision fails the file.
 Result<Constellation> readModelFile(const std::string& path);
 
 // The device-file branch of readModelFile: the rest of the device must still

@@ -69,7 +69,8 @@ void TrackedSurface::noteFruitlessAttempt(uint64_t attempts) {
   warnedNoRoom = true;
   if (notices == nullptr) return;
   *notices << "WARNING: no room found for a sensor of size " << sensorSize << " on \"" << sensorsPath << "\" in "
-           << kAttemptsBeforeWarning << " attempts; still searching" << std::endl;
+           << kAttemptsBeforeWarning << " attempts" << (normalsAllZero ? ": all normals of the surface are zero" : "")
+           << "; still searching" << std::endl;
 }
 
 bool TrackedSurface::randomPlacement(Eigen::Vector3f& point, Eigen::Vector3f& normal) {

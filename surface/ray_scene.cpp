@@ -103,11 +103,13 @@ RayScene::~RayScene() {
 
 bool RayScene::occluded(const float origin[3], const float direction[3], float tNear, float tFar) const {
   if (!scene_) return false;
-  // The library leaves rays with non-finite or zero parts undefined; here
-  // they simply hit nothing.
-  bool usable = !std::isnan(tNear) && !std::isnan(tFar);
-  for (int c = 0; c < 3; ++c) usable = usable && std::isfinite(origin[c]) && std::isfinite(direction[c]);
-  if (!usable || (direction[0] == 0.0f && direction[1] == 0.0f && direction[2] == 0.0f)) return false;
+  // The library aborts on such rays or leaves them undefined. Counting them as
+  // blocked keeps every test on the safe side: a sensor whose ray cannot be
+  // cast neither fits nor is seen.
+  bool usable = tNear >= 0.0f && !std::isnan(tFar);
+  for (int c = 0; c < 3; ++c)
+    usable = usable && std::fabs(origin[c]) <= kMaxRayCoordinate && std::fabs(direction[c]) <= kMaxRayCoordinate;
+  if (!usable || (direction[0] == 0.0f && direction[1] == 0.0f && direction[2] == 0.0f)) return true;
   RTCIntersectContext context;
   rtcInitIntersectContext(&context);
   RTCRay ray;

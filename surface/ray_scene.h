@@ -8,6 +8,10 @@
 
 namespace sensorlay {
 
+// The library asserts on rays whose origin or direction has a part beyond its
+// own bound of about 1.844e18; this one keeps a margin below it.
+constexpr float kMaxRayCoordinate = 1e18f;
+
 class RayScene {
  public:
   // Builds the scene of all `faces` over `vertices` (both with 3 columns).
@@ -21,7 +25,10 @@ class RayScene {
   bool valid() const { return scene_ != nullptr; }
 
   // True when a triangle lies on the ray between origin + tNear * direction
-  // and origin + tFar * direction. Allocates nothing.
+  // and origin + tFar * direction. A ray the library cannot take counts as
+  // blocked: a part of the origin or direction that is not finite or beyond
+  // kMaxRayCoordinate, a zero direction, a tNear that is negative or not a
+  // number, a tFar that is not a number. Allocates nothing.
   bool occluded(const float origin[3], const float direction[3], float tNear, float tFar) const;
 
  private:

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -25,6 +27,10 @@ constexpr size_t kPrefixBytes = 84;  // header and triangle count
 constexpr size_t kTriangleBytes = 50;
 // Face indices are 32-bit, and each triangle takes three vertex rows.
 constexpr uint64_t kMaxTriangles = static_cast<uint64_t>(std::numeric_limits<int32_t>::max()) / 3;
+// Beyond this the surface's own single-precision sums (the bounding box, the
+// triangle areas) overflow, and the ray caster refuses rays long before the
+// float range ends.
+constexpr float kMaxCoordinate = 1e9f;
 
 Status complain(const std::string& path, const std::string& problem) {
   return Status::failure("IOError: \"" + path + "\": " + problem);
@@ -63,6 +69,29 @@ bool looksLikeAscii(const std::string& bytes) {
   return bytes.find('\0') == std::string::npos;
 }
 
+// The first number of the file that is not finite or lies beyond
+// kMaxCoordinate makes the file unusable; the message names its triangle.
+Status screenValues(const std::string& path, const std::vector<float>& corners, const std::vector<float>& fileNormals) {
+  const size_t n = fileNormals.size() / 3;
+  for (size_t t = 0; t < n; ++t) {
+    const float* values[2] = {&fileNormals[3 * t], &corners[9 * t]};
+    const size_t counts[2] = {3, 9};
+    for (int part = 0; part < 2; ++part)
+      for (size_t i = 0; i < counts[part]; ++i) {
+        const float v = values[part][i];
+        if (std::isfinite(v) && std::fabs(v) <= kMaxCoordinate) continue;
+        char text[160];
+        std::snprintf(text, sizeof text,
+                      "triangle %zu of %zu has the %s %g; coordinates and normals must be finite and at "
+                      "most %g in size",
+                      t + 1, n, part == 0 ? "normal component" : "vertex coordinate", static_cast<double>(v),
+                      static_cast<double>(kMaxCoordinate));
+        return complain(path, text);
+      }
+  }
+  return Status();
+}
+
 void fillMatrices(const std::vector<float>& corners, const std::vector<float>& fileNormals, StlVertices& vertices,
                   StlFaces& faces, StlVertices& normals) {
   const Eigen::Index n = static_cast<Eigen::Index>(fileNormals.size() / 3);
@@ -76,6 +105,14 @@ void fillMatrices(const std::vector<float>& corners, const std::vector<float>& f
       for (int c = 0; c < 3; ++c) vertices(3 * t + k, c) = corners[9 * t + 3 * k + c];
     }
   }
+}
+
+// Screens the values, then fills the three matrices.
+Status finish(const std::string& path, const std::vector<float>& corners, const std::vector<float>& fileNormals,
+              StlVertices& vertices, StlFaces& faces, StlVertices& normals) {
+  if (Status screened = screenValues(path, corners, fileNormals); !screened) return screened;
+  fillMatrices(corners, fileNormals, vertices, faces, normals);
+  return Status();
 }
 
 class AsciiParser {
@@ -209,25 +246,21 @@ Status parseStl(const std::string& path, const std::string& bytes, StlVertices& 
     // count decides, unless the whole file also parses as text.
     if (ascii) {
       std::vector<float> textCorners, textNormals;
-      if (AsciiParser(bytes).parse(textCorners, textNormals).empty()) {
-        fillMatrices(textCorners, textNormals, vertices, faces, normals);
-        return Status();
-      }
+      if (AsciiParser(bytes).parse(textCorners, textNormals).empty())
+        return finish(path, textCorners, textNormals, vertices, faces, normals);
     }
     if (count > kMaxTriangles) {
       return complain(path, "the binary STL counts " + std::to_string(count) + " triangles, more than can be indexed");
     }
     readBinary(bytes, count, corners, fileNormals);
-    fillMatrices(corners, fileNormals, vertices, faces, normals);
-    return Status();
+    return finish(path, corners, fileNormals, vertices, faces, normals);
   }
   if (ascii) {
     const std::string problem = AsciiParser(bytes).parse(corners, fileNormals);
     if (!problem.empty()) {
       return complain(path, problem);
     }
-    fillMatrices(corners, fileNormals, vertices, faces, normals);
-    return Status();
+    return finish(path, corners, fileNormals, vertices, faces, normals);
   }
   if (size < kPrefixBytes)
     return complain(path, "not an STL file: " + std::to_string(size) +

@@ -21,7 +21,9 @@ using StlFaces = Eigen::Matrix<int32_t, Eigen::Dynamic, Eigen::Dynamic>;
 // Reads the file into the three matrices (each with 3 columns). A failure's
 // message is one line beginning "IOError: " that names the file and the
 // problem; the outputs are then untouched. A well-formed file without
-// triangles is a success with no rows.
+// triangles is a success with no rows. A file with a coordinate or a normal
+// component that is not finite or larger than 1e9 in size is refused, naming
+// the first such triangle: no part of the program can work with it.
 Status readStl(const std::string& path, StlVertices& vertices, StlFaces& faces, StlVertices& normals);
 
 // The same on bytes already in memory; `path` only names the data in messages.

@@ -78,6 +78,7 @@ TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vecto
   }
 
   totalArea = 0.0;
+  normalsAllZero = true;
   cumulativeAreas.reserve(static_cast<size_t>(faces.rows()));
   for (Eigen::Index f = 0; f < faces.rows(); ++f) {
     const Eigen::Vector3f a = vertices.row(faces(f, 0)).transpose();
@@ -87,6 +88,7 @@ TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vecto
     const float length = std::sqrt(cross.x() * cross.x() + cross.y() * cross.y() + cross.z() * cross.z());
     totalArea += static_cast<double>(length) * 0.5;
     cumulativeAreas.push_back(totalArea);
+    if (length > 0.0f && faceNormals.row(f).allFinite()) normalsAllZero = false;
   }
   areaLow = 0.0;
   areaHigh = totalArea;

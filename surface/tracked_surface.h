@@ -72,6 +72,9 @@ class TrackedSurface {
   double sensorSize = 0.006;
   double sensorRadius = 0.003;
   std::string loadProblem;
+  // No triangle that a draw can pick (one with an area) has a usable normal:
+  // a zero file normal cannot be normalised, and a sensor never fits there.
+  bool normalsAllZero = false;
   // Where a placement search that finds no room says so, once; none: quiet.
   std::ostream* notices = nullptr;
   bool warnedNoRoom = false;

@@ -1,14 +1,17 @@
 #include "tests/support/run_binary.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace sensorlay::testing {
 
@@ -37,7 +40,10 @@ std::string slurpFd(int fd) {
 
 }  // namespace
 
-RunResult runSensorlay(const std::vector<std::string>& args, const std::string& workingDirectory) {
+namespace {
+
+RunResult run(const std::vector<std::string>& args, const std::string& workingDirectory, const std::string* until,
+              double seconds) {
   const int outFd = temporaryFd(), errFd = temporaryFd();
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
@@ -55,9 +61,26 @@ RunResult runSensorlay(const std::vector<std::string>& args, const std::string& 
     execv(argv[0], argv.data());
     _exit(127);
   }
-  int wstatus = 0;
-  waitpid(pid, &wstatus, 0);
   RunResult result;
+  int wstatus = 0;
+  if (until == nullptr) {
+    waitpid(pid, &wstatus, 0);
+  } else {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    for (;;) {
+      if (waitpid(pid, &wstatus, WNOHANG) == pid) break;
+      std::string err(1 << 16, '\0');
+      const ssize_t n = pread(errFd, err.data(), err.size(), 0);
+      err.resize(n > 0 ? static_cast<size_t>(n) : 0);
+      if (err.find(*until) != std::string::npos || std::chrono::steady_clock::now() > deadline) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &wstatus, 0);
+        result.stopped = true;
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  }
   if (WIFEXITED(wstatus))
     result.status = WEXITSTATUS(wstatus);
   else if (WIFSIGNALED(wstatus))
@@ -65,6 +88,17 @@ RunResult runSensorlay(const std::vector<std::string>& args, const std::string& 
   result.out = slurpFd(outFd);
   result.err = slurpFd(errFd);
   return result;
+}
+
+}  // namespace
+
+RunResult runSensorlay(const std::vector<std::string>& args, const std::string& workingDirectory) {
+  return run(args, workingDirectory, nullptr, 0.0);
+}
+
+RunResult runSensorlayUntil(const std::vector<std::string>& args, const std::string& until, double seconds,
+                            const std::string& workingDirectory) {
+  return run(args, workingDirectory, &until, seconds);
 }
 
 TempDir::TempDir() {

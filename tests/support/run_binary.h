@@ -12,11 +12,18 @@ struct RunResult {
   int status = -1;  // exit status, or 128 + signal number when killed
   std::string out;
   std::string err;
+  bool stopped = false;  // ended by runSensorlayUntil
 };
 
 // Runs the binary with the arguments in `workingDirectory` (or the current one
 // when empty), with no standard input, and collects both streams.
 RunResult runSensorlay(const std::vector<std::string>& args, const std::string& workingDirectory = "");
+
+// The same for a run that may go on for ever: it is killed as soon as its
+// standard error stream holds `until`, or after `seconds`, and is then
+// `stopped`.
+RunResult runSensorlayUntil(const std::vector<std::string>& args, const std::string& until, double seconds,
+                            const std::string& workingDirectory = "");
 
 // A fresh directory under the system's temporary folder, removed at exit of
 // the object.

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 
 #include "surface/visibility.h"
 #include "tests/support/allocation_counter.h"
@@ -11,6 +12,26 @@ namespace {
 
 using namespace sensorlay::testing;
 using V3 = Eigen::Vector3f;
+
+// The library aborts on rays whose parts are not finite or beyond its range;
+// such a ray counts as blocked, however it points.
+TEST(CastRay, RaysTheLibraryCannotTakeCountAsBlocked) {
+  TempDir dir;
+  auto s = buildSurface(dir, plateMesh(0.1f, 0.0f, 3));
+  const V3 up(0, 0, 1), above(0.01f, 0.02f, 1);
+  const float inf = std::numeric_limits<float>::infinity();
+  EXPECT_FALSE(s->castRay(above, up, 0, 2));
+  EXPECT_TRUE(s->castRay(above, V3(std::nanf(""), 0, -1), 0, 2));
+  EXPECT_TRUE(s->castRay(above, V3::Zero(), 0, 2));
+  EXPECT_TRUE(s->castRay(above, V3(0, -inf, 0), 0, 2));
+  EXPECT_TRUE(s->castRay(V3(2e18f, 0, 1), up, 0, 2));
+  EXPECT_TRUE(s->castRay(above, V3(0, 0, 2e18f), 0, 2));
+  EXPECT_TRUE(s->castRay(above, up, -1, 2));
+  EXPECT_TRUE(s->castRay(above, up, std::nanf(""), 2));
+  EXPECT_TRUE(s->castRay(above, up, 0, std::nanf("")));
+  // Far but within the library's range: an ordinary miss.
+  EXPECT_FALSE(s->castRay(V3(1e18f, 0, 1), up, 0, inf));
+}
 
 TEST(SensorFits, FlatFacesFitAndConvexEdgesDoNot) {
   TempDir dir;

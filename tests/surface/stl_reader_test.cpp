@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <limits>
 
 #include "tests/support/meshes.h"
 #include "tests/support/run_binary.h"
@@ -104,6 +105,38 @@ TEST(StlReader, BadFilesAreReportedWithTheirNameAndProblem) {
   }
   EXPECT_NE(readReporting(dir.file("missing.stl")).err.find("\": cannot be opened"), std::string::npos);
   EXPECT_NE(readReporting(dir.path()).err.find("not a regular file"), std::string::npos);
+}
+
+TEST(StlReader, NumbersMustBeFiniteAndWithinRange) {
+  TempDir dir;
+  Mesh cube = cubeMesh(1.0f);
+  cube[4].b.y() = 1.8e28f;  // a corrupt vertex
+  writeStlBinary(dir.file("far.stl"), cube);
+  Mesh tilted = twoTrianglesMesh();
+  tilted[0].normal.x() = -std::numeric_limits<float>::infinity();
+  writeStlBinary(dir.file("normal.stl"), tilted);
+  writeFile(dir.file("nan.stl"),
+            "solid x\nfacet normal 0 0 1 outer loop vertex 0 0 0 vertex 1 0 0 vertex 0 1 0 endloop endfacet\n"
+            "facet normal 0 0 1 outer loop vertex 0 0 0 vertex 1 nan 0 vertex 0 1 0 endloop endfacet\nendsolid x\n");
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"far.stl", "triangle 5 of 12 has the vertex coordinate 1.8e+28; "},
+      {"normal.stl", "triangle 1 of 2 has the normal component -inf; "},
+      {"nan.stl", "triangle 2 of 2 has the vertex coordinate nan; "},
+  };
+  for (const auto& [name, problem] : cases) {
+    const Read r = readReporting(dir.file(name));
+    EXPECT_FALSE(r.ok) << name;
+    EXPECT_EQ(r.err.rfind("IOError: \"" + dir.file(name) + "\": " + problem, 0), 0u) << r.err;
+    EXPECT_EQ(r.F.size(), 0) << name;
+  }
+  // The bound itself is still a number the surface can work with.
+  Mesh edge = twoTrianglesMesh();
+  edge[1].c = Eigen::Vector3f(-1e9f, 1e9f, 0);
+  writeStlBinary(dir.file("edge.stl"), edge);
+  EXPECT_TRUE(readReporting(dir.file("edge.stl")).ok);
+  edge[1].c.x() = -1.0001e9f;
+  writeStlBinary(dir.file("edge.stl"), edge);
+  EXPECT_FALSE(readReporting(dir.file("edge.stl")).ok);
 }
 
 }  // namespace
