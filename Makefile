@@ -1,8 +1,9 @@
 # Entry points for people; CMake does the building.
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
 
-.PHONY: deps build test demo clean
+.PHONY: deps build test demo clean fuzz
 
 deps:
 	@bash scripts/install-deps.sh
@@ -13,6 +14,10 @@ build: deps
 
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
+
+# Each fuzz target in turn for FUZZ_SECONDS seconds (fuzz/run.sh).
+fuzz: build
+	@bash fuzz/run.sh $(BUILD_DIR) $(FUZZ_SECONDS)
 
 demo: build
 	@bash scripts/demo.sh $(BUILD_DIR)

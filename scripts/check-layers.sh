@@ -3,7 +3,7 @@
 # its own headers and those of the folders before it in LAYERS; `app` and `lab`
 # (the two programs) stand together at the top and may not include each other.
 # tests/<folder>/ follows the rule of <folder> and may use tests/support/;
-# tests/support/ may use every library folder; bench/ may use everything.
+# tests/support/ may use every library folder; bench/ and fuzz/ may use everything.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

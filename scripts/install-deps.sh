@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   openscad gnuplot-nox
   clang-format
+  clang libclang-rt-dev
   parallel slurm-wlm munge
   chromium
 )
