@@ -9,6 +9,7 @@
 #include <Eigen/Core>
 
 #include <cstdio>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@
 #include "model/constellation.h"
 #include "tests/support/device_files.h"
 #include "tests/support/meshes.h"
+#include "tests/support/png_images.h"
 
 namespace {
 
@@ -172,6 +174,45 @@ void optionSeeds() {
   put("option_scan", "missing-value", line({"/niterations", "3", "/norientations"}));
 }
 
+// Small maps in every layout the decoders know, with samples from a fixed
+// generator.
+void qualityMapSeeds() {
+  std::mt19937 generator(3);
+  struct Layout {
+    const char* name;
+    int colourType, depth;
+    bool interlaced, transparent;
+  };
+  const Layout layouts[] = {
+      {"grey8.png", 0, 8, false, false},         {"grey2-trns.png", 0, 2, false, true},
+      {"grey-alpha16.png", 4, 16, false, false}, {"rgb16-trns-interlaced.png", 2, 16, true, true},
+      {"rgba8.png", 6, 8, false, false},         {"palette4-trns-interlaced.png", 3, 4, true, true},
+  };
+  for (const Layout& layout : layouts) {
+    t::PngImage png;
+    png.width = 9;
+    png.height = 5;
+    png.colourType = layout.colourType;
+    png.depth = layout.depth;
+    png.interlaced = layout.interlaced;
+    const uint32_t top = (1u << layout.depth) - 1;
+    const size_t count = size_t{9} * 5 * t::samplesPerPixel(layout.colourType);
+    for (size_t i = 0; i < count; ++i) png.samples.push_back(static_cast<uint16_t>(generator() & top));
+    if (layout.colourType == 3)
+      for (uint32_t i = 0; i < 3 * (top + 1); ++i) png.palette.push_back(static_cast<uint8_t>(generator()));
+    if (layout.transparent) {
+      const size_t n = layout.colourType == 3 ? 6 : (layout.colourType == 2 ? 3 : 1);
+      for (size_t i = 0; i < n; ++i) png.transparent.push_back(static_cast<uint16_t>(generator() & top));
+    }
+    put("quality_map", layout.name, t::pngBytes(png));
+  }
+  std::string pixels;
+  for (int i = 0; i < 2 * 3 * 9 * 5; ++i) pixels += static_cast<char>(generator());
+  put("quality_map", "grey.pgm", "P5\n# a comment\n9 5\n255\n" + pixels.substr(0, 45));
+  put("quality_map", "grey16.pgm", "P5 9 5 65535\n" + pixels.substr(0, 90));
+  put("quality_map", "colour.ppm", "P6\n9 5\n255\n" + pixels.substr(0, 135));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -187,5 +228,6 @@ int main(int argc, char** argv) {
   deviceSeeds();
   imuSeeds();
   optionSeeds();
+  qualityMapSeeds();
   return 0;
 }

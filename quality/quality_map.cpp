@@ -1,10 +1,16 @@
-#include <stb_image.h>
+#include "quality/quality_map.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <new>
 
-#include "quality/quality_map.h"
+#include "quality/map_image.h"
 
 namespace sensorlay {
 
@@ -12,6 +18,9 @@ namespace {
 
 // The 32-bit float nearest to 1/255.
 constexpr float kByteToUnit = 0.003921569f;
+
+// Far more than the largest map the pixel limit lets through in any format.
+constexpr off_t kMaxMapFileBytes = off_t{256} << 20;
 
 // roundf of `value`, held to 0 .. last. Clamping before the conversion keeps
 // out-of-range and not-a-number coordinates defined; they land on an edge
@@ -27,39 +36,77 @@ Status loadError(const std::string& path, const std::string& reason) {
   return Status::failure("Error loading quality map image '" + path + "' : " + reason);
 }
 
+// The whole file, or the reason it cannot be had. Only a regular file is
+// read: a device or a pipe could block or never end.
+Result<std::string> readImageFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return Status::failure("can't fopen");
+  struct stat info;
+  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    ::close(fd);
+    return Status::failure("not a regular file");
+  }
+  if (info.st_size > kMaxMapFileBytes) {
+    ::close(fd);
+    return Status::failure("the file is larger than " + std::to_string(kMaxMapFileBytes >> 20) + " MB");
+  }
+  std::string bytes;
+  try {
+    bytes.resize(static_cast<size_t>(info.st_size));
+  } catch (const std::bad_alloc&) {
+    ::close(fd);
+    return Status::failure("out of memory");
+  }
+  size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n = ::read(fd, &bytes[done], bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      const int error = errno;
+      ::close(fd);
+      return Status::failure(std::string("read failed: ") + std::strerror(error));
+    }
+    if (n == 0) break;  // shrank while being read
+    done += static_cast<size_t>(n);
+  }
+  ::close(fd);
+  bytes.resize(done);
+  return bytes;
+}
+
 }  // namespace
 
 Result<QualityMap> QualityMap::load(const std::string& path) {
+  if (path.empty()) return QualityMap();
+  Result<std::string> bytes = readImageFile(path);
+  if (!bytes) return loadError(path, bytes.message());
+  return decode(path, *bytes);
+}
+
+Result<QualityMap> QualityMap::decode(const std::string& path, const std::string& bytes) {
+  Result<GreyImage> image = decodeMapImage(bytes);
+  if (!image) return loadError(path, image.message());
+
+  // The walk steps by the file's own channel count, as the maps have always
+  // been read: a grey image is read pixel by pixel, while an image of c
+  // channels yields every c-th pixel for the first 1/c of the entries, and
+  // the entries whose step would fall beyond the pixels are black.
+  const std::vector<unsigned char>& grey = image->grey;
+  const size_t pixelCount = grey.size();
+  const size_t step = image->channels > 0 ? static_cast<size_t>(image->channels) : 1u;
   QualityMap map;
-  if (path.empty()) return map;
-
-  int width = 0, height = 0, channels = 0;
-  unsigned char* data = stbi_load(path.c_str(), &width, &height, &channels, 1);
-  if (data == nullptr) {
-    const char* reason = stbi_failure_reason();
-    return loadError(path, reason != nullptr ? reason : "unknown error");
-  }
-
-  // The library hands back one grey byte a pixel, but the walk steps by the
-  // file's own channel count: a grey image is read pixel by pixel, while an
-  // image of c channels yields every c-th pixel for the first 1/c of the
-  // entries. Entries whose step would fall beyond the buffer are black.
-  const size_t pixelCount = static_cast<size_t>(width) * static_cast<size_t>(height);
-  const size_t step = channels > 0 ? static_cast<size_t>(channels) : 1u;
   try {
     map.pixels.reserve(pixelCount);
     for (size_t i = 0; i < pixelCount; ++i) {
       const size_t offset = i * step;
-      const unsigned char b = offset < pixelCount ? data[offset] : 0;
+      const unsigned char b = offset < pixelCount ? grey[offset] : 0;
       map.pixels.push_back(static_cast<float>(b) * kByteToUnit);
     }
   } catch (const std::bad_alloc&) {
-    stbi_image_free(data);
     return loadError(path, "out of memory");
   }
-  map.width = width;
-  map.height = height;
-  stbi_image_free(data);
+  map.width = image->width;
+  map.height = image->height;
   return map;
 }
 

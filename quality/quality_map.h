@@ -13,8 +13,12 @@
 namespace sensorlay {
 
 struct QualityMap {
-  // Any image that stb_image reads, taken as grey. An empty path gives no map.
+  // A PNG, PGM or PPM image (quality/map_image.h), taken as grey. An empty
+  // path gives no map. A failure's message is one line,
+  // "Error loading quality map image '<path>' : <reason>".
   static Result<QualityMap> load(const std::string& path);
+  // The same from the file's bytes; `path` only names them in messages.
+  static Result<QualityMap> decode(const std::string& path, const std::string& bytes);
 
   bool empty() const { return pixels.empty(); }
   // The nearest pixel's weight, 0 to 1; 1 everywhere without a map.

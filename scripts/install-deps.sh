@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
-  libeigen3-dev libembree-dev libceres-dev libjsoncpp-dev libgoogle-glog-dev libstb-dev
+  libeigen3-dev libembree-dev libceres-dev libjsoncpp-dev libgoogle-glog-dev libpng-dev libstb-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   openscad gnuplot-nox
   clang-format

@@ -1,11 +1,17 @@
+#include "quality/quality_map.h"
+
 #include <gtest/gtest.h>
+#include <png.h>
+#include <stb_image.h>
 #include <stb_image_write.h>
 
 #include <cmath>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "quality/coverage_evaluator.h"
+#include "tests/support/png_images.h"
 #include "tests/support/run_binary.h"
 
 namespace sensorlay {
@@ -64,6 +70,99 @@ TEST(QualityMap, ColourImageStepsByItsChannelCount) {
     EXPECT_EQ(evaluator.qualityMap.pixels[i], i < 4 ? unit(60 * static_cast<int>(i) + 5) : 0.0f);
 }
 
+// The map as stb_image made it, which read the maps before: grey bytes from
+// stbi_load with one channel, walked by the file's own channel count.
+std::vector<float> stbMap(const std::string& bytes, int& width, int& height) {
+  int channels = 0;
+  unsigned char* data = stbi_load_from_memory(reinterpret_cast<const unsigned char*>(bytes.data()),
+                                              static_cast<int>(bytes.size()), &width, &height, &channels, 1);
+  std::vector<float> pixels;
+  if (data == nullptr) return pixels;
+  const size_t count = static_cast<size_t>(width) * height;
+  for (size_t i = 0; i < count; ++i) pixels.push_back(i * channels < count ? unit(data[i * channels]) : 0.0f);
+  stbi_image_free(data);
+  return pixels;
+}
+
+// Every PNG layout and the 8-bit PGM and PPM give the pixels stb_image gave.
+TEST(QualityMap, DecodersGiveThePixelsOfTheEarlierReader) {
+  std::mt19937 generator(11);
+  struct Layout {
+    int colourType, depth;
+    bool interlaced = false;
+    bool transparent = false;
+  };
+  const std::vector<Layout> layouts = {
+      {PNG_COLOR_TYPE_GRAY, 1},
+      {PNG_COLOR_TYPE_GRAY, 2},
+      {PNG_COLOR_TYPE_GRAY, 4},
+      {PNG_COLOR_TYPE_GRAY, 8},
+      {PNG_COLOR_TYPE_GRAY, 16},
+      {PNG_COLOR_TYPE_GRAY, 8, true},
+      {PNG_COLOR_TYPE_GRAY, 8, false, true},
+      {PNG_COLOR_TYPE_GRAY, 16, false, true},
+      {PNG_COLOR_TYPE_GRAY, 2, true, true},
+      {PNG_COLOR_TYPE_GRAY_ALPHA, 8},
+      {PNG_COLOR_TYPE_GRAY_ALPHA, 16},
+      {PNG_COLOR_TYPE_RGB, 8},
+      {PNG_COLOR_TYPE_RGB, 16},
+      {PNG_COLOR_TYPE_RGB, 8, true},
+      {PNG_COLOR_TYPE_RGB, 8, false, true},
+      {PNG_COLOR_TYPE_RGB, 16, true, true},
+      {PNG_COLOR_TYPE_RGB_ALPHA, 8},
+      {PNG_COLOR_TYPE_RGB_ALPHA, 16, true},
+      {PNG_COLOR_TYPE_PALETTE, 1},
+      {PNG_COLOR_TYPE_PALETTE, 2},
+      {PNG_COLOR_TYPE_PALETTE, 4, true},
+      {PNG_COLOR_TYPE_PALETTE, 8},
+      {PNG_COLOR_TYPE_PALETTE, 8, false, true},
+  };
+  std::vector<std::pair<std::string, std::string>> images;
+  for (const Layout& layout : layouts) {
+    testing::PngImage png;
+    png.width = 13;
+    png.height = 7;
+    png.colourType = layout.colourType;
+    png.depth = layout.depth;
+    png.interlaced = layout.interlaced;
+    const uint32_t top = (1u << layout.depth) - 1;
+    const size_t count = size_t{13} * 7 * testing::samplesPerPixel(layout.colourType);
+    for (size_t i = 0; i < count; ++i) png.samples.push_back(static_cast<uint16_t>(generator() & top));
+    if (layout.colourType == PNG_COLOR_TYPE_PALETTE)
+      for (uint32_t i = 0; i < 3 * (top + 1); ++i) png.palette.push_back(static_cast<uint8_t>(generator()));
+    if (layout.transparent) {
+      const int values = layout.colourType == PNG_COLOR_TYPE_RGB ? 3 : 1;
+      const size_t n = layout.colourType == PNG_COLOR_TYPE_PALETTE ? 100 : values;
+      for (size_t i = 0; i < n; ++i) png.transparent.push_back(static_cast<uint16_t>(generator() & top));
+    }
+    images.emplace_back("PNG type " + std::to_string(layout.colourType) + ", " + std::to_string(layout.depth) +
+                            " bits" + (layout.interlaced ? ", interlaced" : "") + (layout.transparent ? ", tRNS" : ""),
+                        testing::pngBytes(png));
+  }
+  std::string bytes;
+  for (int i = 0; i < 3 * 13 * 7; ++i) bytes += static_cast<char>(generator());
+  images.emplace_back("PGM with a comment", "P5\n# painted by hand\n13 7\r255\n" + bytes.substr(0, 91));
+  images.emplace_back("PGM of maximum 15", "P5 13 7 15 " + bytes.substr(0, 91));
+  images.emplace_back("PPM", "P6\n13 7\n255\n" + bytes);
+
+  for (const auto& [name, image] : images) {
+    int width = 0, height = 0;
+    const std::vector<float> expected = stbMap(image, width, height);
+    ASSERT_FALSE(expected.empty()) << name;
+    const Result<QualityMap> map = QualityMap::decode("m", image);
+    ASSERT_TRUE(map.ok()) << name << ": " << map.message();
+    EXPECT_EQ(map->width, width) << name;
+    EXPECT_EQ(map->height, height) << name;
+    EXPECT_EQ(map->pixels, expected) << name;
+  }
+
+  // 16-bit PGM samples are most significant byte first, and their high byte
+  // is the grey (the earlier reader took the low one).
+  const Result<QualityMap> deep = QualityMap::decode("m", std::string("P5 2 1 65535\n\x12\x34\xAB\xCD", 17));
+  ASSERT_TRUE(deep.ok()) << deep.message();
+  EXPECT_EQ(deep->pixels, (std::vector<float>{unit(0x12), unit(0xAB)}));
+}
+
 TEST(QualityMap, UnreadableFilesLeaveNoMap) {
   testing::TempDir dir;
   std::vector<unsigned char> pixels(64 * 64, 200);
@@ -73,19 +172,31 @@ TEST(QualityMap, UnreadableFilesLeaveNoMap) {
   testing::writeFile(dir.file("empty.png"), "");
   testing::writeFile(dir.file("garbage.png"), std::string(5000, '\x7f'));
   testing::writeFile(dir.file("huge.pgm"), "P5\n2000000000 2000000000\n255\n\x01\x02");
+  testing::writeFile(dir.file("short.pgm"), "P5\n20 20\n255\n" + std::string(399, '\x01'));
   testing::writeFile(dir.file("good.pgm"), pgm(2, 2, {1, 2, 3, 4}));
+  // A PNG that declares 4096 x 4096 in a few bytes: within the pixel limit,
+  // beyond what the file can hold.
+  std::string forged = png;
+  const size_t ihdr = forged.find("IHDR") + 4;
+  forged.replace(ihdr, 8, std::string("\0\0\x10\0\0\0\x10\0", 8));
+  testing::writeFile(dir.file("forged.png"), forged);
 
-  for (const char* name : {"missing.png", "empty.png", "garbage.png", "truncated.png", "huge.pgm"}) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"missing.png", "can't fopen"},
+      {"empty.png", "the file is empty"},
+      {"garbage.png", "not a PNG, PGM (P5) or PPM (P6) image, the formats a quality map is read from"},
+      {"truncated.png", "the file ends inside the image"},
+      {"huge.pgm", "the image declares 2000000000 x 2000000000 pixels, more than the 16777216 a quality map may have"},
+      {"short.pgm", "the image declares 20 x 20 pixels, which take 400 bytes, but the file holds 399 after its header"},
+      {"forged.png",
+       "the image declares 4096 x 4096 pixels, more than its " + std::to_string(forged.size()) + " bytes can hold"},
+  };
+  for (const auto& [name, reason] : cases) {
     CoverageEvaluator evaluator;
     evaluator.loadQualityMap(dir.file("good.pgm"));
     // Replaces the earlier map with none.
     const std::string err = evaluator.loadQualityMap(dir.file(name)).message();
-    const std::string prefix = "Error loading quality map image '" + dir.file(name) + "' : ";
-    // A reason follows the name, on the same line.
-    EXPECT_TRUE(err.rfind(prefix, 0) == 0 && err.size() > prefix.size() && err.find('\n') == std::string::npos) << err;
-    if (std::string(name) == "missing.png") {
-      EXPECT_EQ(err, prefix + "can't fopen");
-    }
+    EXPECT_EQ(err, "Error loading quality map image '" + dir.file(name) + "' : " + reason);
     EXPECT_TRUE(evaluator.qualityMap.pixels.empty());
     EXPECT_EQ(evaluator.qualityMap.width + evaluator.qualityMap.height, 0);
   }
