@@ -1,6 +1,7 @@
 #include <cmath>
 #include <iostream>
 #include <locale>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "app/modes.h"
 #include "common/json_io.h"
 #include "model/scad_writer.h"
+#include "quality/orientation_samples.h"
 #include "search/annealer.h"
 #include "surface/tracked_surface.h"
 
@@ -25,9 +27,28 @@ std::ostringstream makeTextStream() {
 
 std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurface& surface,
                                        const SensorModel* immutableModel, WorkerPool& pool) {
+  AnnealerOptions annealerOptions(surface, options.nSensors, pool);
+  // The map comes first: a map that cannot be read is reported and the design
+  // goes on with equal weights, but one that weighs none of the directions
+  // would score every placement 0, so nothing is searched.
+  if (!options.qualityMapPath.empty()) {
+    Result<QualityMap> map = QualityMap::load(options.qualityMapPath);
+    if (!map) {
+      std::cerr << map.message() << std::endl;
+    } else {
+      std::optional<double> normalization;
+      sampleOrientations(options.nOrientations, *map, normalization);
+      if (!normalization) {
+        std::cerr << "Quality map image '" << options.qualityMapPath << "' gives all " << options.nOrientations
+                  << " sampled directions the weight 0 (black): every placement would score 0." << std::endl;
+        return nullptr;
+      }
+      annealerOptions.qualityMap = std::move(*map);
+    }
+  }
+
   surface.setMaxSurfaceAngle(options.maxSurfaceAngle);
 
-  AnnealerOptions annealerOptions(surface, options.nSensors, pool);
   annealerOptions.progress = &std::cerr;
   annealerOptions.immutableModel = immutableModel;
   annealerOptions.coolingRate = options.coolingRate;
@@ -41,7 +62,6 @@ std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurf
     annealerOptions.qualityRangeLow = options.qualityRangeLow;
     annealerOptions.qualityRangeHigh = options.qualityRangeHigh;
   }
-  annealerOptions.qualityMapPath = options.qualityMapPath;
 
   Constellation result;
   runAnnealer(annealerOptions, result);

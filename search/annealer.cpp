@@ -45,12 +45,8 @@ Annealer::Annealer(SensorModel& model_, const AnnealerOptions& options)
   evaluator.rebuildObservations();
   evaluator.surface = surface;
   evaluator.rebuildObservations();
-  // The sample weights are read from the map, so it comes first. A map that
-  // cannot be read leaves equal weights, and the search goes on.
-  if (!options.qualityMapPath.empty()) {
-    const Status loaded = evaluator.loadQualityMap(options.qualityMapPath);
-    if (!loaded && progress != nullptr) *progress << loaded.message() << std::endl;
-  }
+  // The sample weights are read from the map, so it comes first.
+  evaluator.qualityMap = options.qualityMap;
   const std::optional<double> normalization = evaluator.sampleOrientations(nOrientations);
   if (normalization && progress != nullptr) *progress << "quality map normalization: " << *normalization << std::endl;
   if (options.qualityRangeLow > 0.0 && options.qualityRangeHigh > 0.0)

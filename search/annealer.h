@@ -42,7 +42,8 @@ struct AnnealerOptions {
   double qualityRangeLow = -1.0;
   double qualityRangeHigh = -1.0;
   double finalQualityScore = 0.0;
-  std::string qualityMapPath;
+  // The directions' weights; empty: all alike.
+  QualityMap qualityMap;
   TrackedSurface& surface;
   // The threads that score the trials.
   WorkerPool& pool;

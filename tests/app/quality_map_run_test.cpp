@@ -1,5 +1,6 @@
 // The quality map of a design run end to end: images that declare far more
-// pixels than they hold, and formats a map is not read from.
+// pixels than they hold, formats a map is not read from, and a map that
+// weighs nothing.
 
 #include <gtest/gtest.h>
 
@@ -92,6 +93,18 @@ TEST(QualityMapRun, ImagesThatDeclareHugeSizesLeaveTheDesignWithoutAMap) {
               0u)
         << r.err;
   }
+}
+
+TEST(QualityMapRun, AMapThatWeighsNoDirectionIsRefusedBeforeAnyWork) {
+  Design design;
+  writeFile(design.dir.file("black.pgm"), "P5 8 4 255\n" + std::string(32, '\0'));
+  const RunResult r = design.run("black.pgm");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err,
+            "Quality map image 'black.pgm' gives all 60 sampled directions the weight 0 (black): every placement "
+            "would score 0.\n");
+  EXPECT_EQ(r.out, "");
+  EXPECT_FALSE(fileExists(design.dir.file("d.json")));
 }
 
 }  // namespace
