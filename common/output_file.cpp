@@ -65,8 +65,8 @@ Status checkWritable(const std::string& requested) {
   if (stat(path.c_str(), &info) == 0) {
     if (S_ISDIR(info.st_mode)) return cannotWrite(requested, "it is a folder");
     if (access(path.c_str(), W_OK) != 0) return cannotWrite(requested, std::strerror(errno));
-    // A device or a pipe is written in place; its folder does not matter.
-    if (!S_ISREG(info.st_mode)) return Status();
+    // A writable file can always be written in place, whatever its folder.
+    return Status();
   } else if (errno != ENOENT && errno != ENOTDIR) {
     return cannotWrite(requested, std::strerror(errno));
   }
@@ -86,16 +86,25 @@ Result<OutputFile> OutputFile::open(const std::string& requested) {
 
   struct stat info;
   const bool exists = stat(file.path_.c_str(), &info) == 0;
-  if (exists && !S_ISREG(info.st_mode)) {
+  // A device or a pipe is written in place, and so is a file in a folder that
+  // takes no new files: there is no temporary to be had for them.
+  auto inPlace = [&]() -> Result<OutputFile> {
     file.fd_ = ::open(file.path_.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
     if (file.fd_ < 0) return cannotWrite(requested, std::strerror(errno));
-    return file;
-  }
+    return std::move(file);
+  };
+  if (exists && !S_ISREG(info.st_mode)) return inPlace();
 
-  std::string pattern = file.path_ + ".XXXXXX";
+  // Hidden and named after the target, so that one left by a killed run is
+  // neither mistaken for an output nor hard to place.
+  const size_t slash = file.path_.rfind('/');
+  const std::string pattern = slash == std::string::npos ? "." + file.path_ + ".partial-XXXXXX"
+                                                         : file.path_.substr(0, slash + 1) + "." +
+                                                               file.path_.substr(slash + 1) + ".partial-XXXXXX";
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   file.fd_ = mkostemp(name.data(), O_CLOEXEC);
+  if (file.fd_ < 0 && exists && (errno == EACCES || errno == EPERM || errno == EROFS)) return inPlace();
   if (file.fd_ < 0) return cannotWrite(requested, std::strerror(errno));
   file.temporary_ = name.data();
   // mkstemp makes the file private; the result gets the mode the older file

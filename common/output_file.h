@@ -3,7 +3,9 @@
 // file in the target's folder, which is renamed onto the target only once
 // everything has been written and closed without error: a failed or
 // interrupted run never leaves a truncated file, and never destroys the older
-// file at that path. A temporary that is abandoned is removed.
+// file at that path. A temporary that is abandoned is removed. A device or a
+// pipe, and a writable file in a folder that takes no new files, are written
+// in place, as nothing else can be done with them.
 
 #include <cstddef>
 #include <string>
@@ -13,8 +15,9 @@
 namespace sensorlay {
 
 // Whether `path` could be created or replaced by this process, checked without
-// writing anything: its folder must exist and take new files, and a file that
-// is already there must be writable. The failure names the path and why.
+// writing anything: a file that is already there must be writable, and a new
+// one needs a folder that exists and takes new files. The failure names the
+// path and why.
 Status checkWritable(const std::string& path);
 
 class OutputFile {
