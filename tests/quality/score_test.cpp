@@ -18,18 +18,6 @@ using testing::attach;
 using testing::makeSensorModel;
 using testing::makeSphereSensors;
 
-// The value of one sample alone, with a scale of 1.
-double sampleValue(CoverageEvaluator& evaluator, const OrientationSample& sample) {
-  std::vector<OrientationSample> all = {sample};
-  std::swap(all, evaluator.score.samples);
-  const double scale = evaluator.score.scoreScale;
-  evaluator.score.scoreScale = 1.0;
-  const double value = evaluator.scorePlacement();
-  std::swap(all, evaluator.score.samples);
-  evaluator.score.scoreScale = scale;
-  return value;
-}
-
 TEST(Score, NothingVisibleAndTheWeights) {
   // Sensors the incidence limit never passes: 1000 exactly.
   auto model = makeSphereSensors(12, 0.08f);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <regex>
 #include <sstream>
@@ -117,6 +118,17 @@ TEST(Annealer, ReproducibleAndScoredAsReturned) {
   Constellation start;
   EXPECT_EQ(trialDots(anneal(none, start)), 0u);
   EXPECT_EQ(scoreOf(start, *third.surface, 30), none.finalQualityScore);
+
+  // A stop request, read before each trial, ends the search with the best
+  // placement so far and its score.
+  SurfaceFixture fourth(testing::shellBox(), 33);
+  AnnealerOptions stopped = quickOptions(fourth, 5);
+  std::atomic<bool> stop{true};
+  stopped.stopRequest = &stop;
+  Constellation early;
+  EXPECT_EQ(trialDots(anneal(stopped, early)), 0u);
+  EXPECT_EQ(scoreOf(early, *fourth.surface, 30), stopped.finalQualityScore);
+  EXPECT_GT(stopped.finalQualityScore, a.finalQualityScore);
 }
 
 }  // namespace

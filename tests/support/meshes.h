@@ -42,8 +42,7 @@ inline Mesh shellBox() { return boxMesh({-0.06f, -0.04f, -0.03f}, {0.06f, 0.04f,
 
 // A bundled sample device file (samples/ in the source tree).
 inline std::string samplePath(const std::string& name) {
-  const std::string source = __FILE__;
-  return source.substr(0, source.rfind("/tests/support/")) + "/samples/" + name;
+  return std::string(SENSORLAY_SOURCE_DIR) + "/samples/" + name;
 }
 
 Mesh concat(const Mesh& a, const Mesh& b);
