@@ -12,6 +12,7 @@
 #include "surface/tracked_surface.h"
 #include "tests/support/meshes.h"
 #include "tests/support/quality_fixtures.h"
+#include "tests/support/samples.h"
 
 namespace sensorlay::bench {
 

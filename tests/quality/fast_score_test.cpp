@@ -13,7 +13,7 @@
 #include "observation/sweep_model.h"
 #include "quality/coverage_evaluator.h"
 #include "surface/tracked_surface.h"
-#include "tests/support/meshes.h"
+#include "tests/support/samples.h"
 #include "tests/support/score_runs.h"
 
 namespace sensorlay {

@@ -17,7 +17,7 @@
 #include "search/annealer.h"
 #include "surface/tracked_surface.h"
 #include "tests/support/allocation_counter.h"
-#include "tests/support/meshes.h"
+#include "tests/support/samples.h"
 #include "tests/support/score_runs.h"
 
 namespace sensorlay {

@@ -40,11 +40,6 @@ Mesh concaveCornerMesh(float side = 0.1f);
 // shell small enough for quick designs.
 inline Mesh shellBox() { return boxMesh({-0.06f, -0.04f, -0.03f}, {0.06f, 0.04f, 0.03f}, 4); }
 
-// A bundled sample device file (samples/ in the source tree).
-inline std::string samplePath(const std::string& name) {
-  return std::string(SENSORLAY_SOURCE_DIR) + "/samples/" + name;
-}
-
 Mesh concat(const Mesh& a, const Mesh& b);
 Mesh translated(const Mesh& m, const Eigen::Vector3f& offset);
 Mesh scaled(const Mesh& m, float factor);
