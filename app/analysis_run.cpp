@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "app/modes.h"
+#include "common/output_file.h"
 #include "common/rotation.h"
 #include "device/model_loading.h"
 #include "model/scad_writer.h"
@@ -73,8 +74,9 @@ int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface
   }
   for (int32_t channel : *unseen) std::cerr << "did not see sensor id " << channel << std::endl;
   // A table cut short by a full disk must not pass for a whole one.
-  if (std::ferror(stdout)) {
-    std::cerr << "The table could not be written in full to the standard output stream." << std::endl;
+  const Status written = flushStandardOutput("the table");
+  if (!written) {
+    std::cerr << written.message() << std::endl;
     return 1;
   }
   return 0;
@@ -97,10 +99,10 @@ int convertModelToScad(const DesignOptions& options, TrackedSurface* surface) {
   else
     script = writeScad(constellation, std::string(), std::vector<std::string>(), 1.0, options.withScadNormals, true);
 
-  if (!writeOutputFile(options.outScadPath, "/* From " + options.modelPath + "*/\n\n" + script)) {
-    std::cerr << "Could not write the whole script to " << options.outScadPath << "." << std::endl;
-    return 1;
-  }
+  const std::vector<std::string> cutShort =
+      writeOutputFiles({{options.outScadPath, "/* From " + options.modelPath + "*/\n\n" + script, "script"}});
+  for (const std::string& message : cutShort) std::cerr << message << std::endl;
+  if (!cutShort.empty()) return 1;
   return 0;
 }
 

@@ -68,7 +68,7 @@ std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurf
   const double score = annealerOptions.finalQualityScore;
 
   const std::string json = writeStyledJson(constellationToJson(result));
-  std::vector<std::string> cutShort;
+  std::vector<OutputText> outputs;
 
   if (!options.outScadPath.empty()) {
     std::ostringstream script = makeTextStream();
@@ -77,20 +77,20 @@ std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurf
            << json << "*/\n\n"
            << writeScad(result, surface.getSensorsPath(), surface.getObstaclePaths(), surface.getScale(),
                         options.withScadNormals, true);
-    if (!writeOutputFile(options.outScadPath, script.str()))
-      cutShort.push_back("Could not write the whole script to " + options.outScadPath + ".");
+    outputs.push_back({options.outScadPath, script.str(), "script"});
   }
 
   if (!options.outModelPath.empty()) {
     std::ostringstream modelText = makeTextStream();
     modelText << "// Final Quality Score: " << score << " / " << annealFullScale << " (lower is better)\n"
               << json << "\n";
-    if (!writeOutputFile(options.outModelPath, modelText.str()))
-      cutShort.push_back("Could not write the whole model file to " + options.outModelPath + ".");
+    outputs.push_back({options.outModelPath, modelText.str(), "model file"});
   }
 
-  // A design file cut short (a full disk) must not pass for a whole one; the
-  // run ends here rather than report on a design that was not kept.
+  // A design file cut short (a full disk) must not pass for a whole one, nor
+  // may a new script stand beside an older model file; the run ends here
+  // rather than report on a design that was not kept.
+  const std::vector<std::string> cutShort = writeOutputFiles(outputs);
   if (!cutShort.empty()) {
     std::cerr << "\n";  // the progress dots end without a line end
     for (const std::string& message : cutShort) std::cerr << message << std::endl;

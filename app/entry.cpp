@@ -58,7 +58,12 @@ int runEntry(int argc, char** argv) {
 
   // /version wins over a bad switch that follows it; a bad switch before it
   // stopped the scan, so it was never seen.
-  if (versionRequested) return printVersion() ? 0 : 1;
+  if (versionRequested) {
+    const bool found = printVersion();
+    const Status written = flushStandardOutput("the version line");
+    if (!written) std::fprintf(stderr, "%s\n", written.message().c_str());
+    return found && written ? 0 : 1;
+  }
 
   switch (validateOptions(options, parseFailed)) {
     case ValidationOutcome::Failed:

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "app/design_options.h"
 #include "model/constellation.h"
@@ -34,10 +35,20 @@ int convertModelToScad(const DesignOptions& options, TrackedSurface* surface);
 // The surface-fit preview. Yields the status.
 int runVerifyCoverage(const DesignOptions& options, TrackedSurface& surface);
 
-// Writes a whole output file; false when it was opened but could not be
-// written in full, and the older file at the path is then kept. The entry
-// point has refused paths that cannot be created before any work; one that
-// became so since loses the output without a word.
-bool writeOutputFile(const std::string& path, const std::string& text);
+// A file a run writes: where, the whole text, and what it is ("script") for
+// the complaint.
+struct OutputText {
+  std::string path;
+  std::string text;
+  std::string what;
+};
+
+// Writes files that belong together. Each goes to a temporary beside it, and
+// only once every one is complete are they renamed into place, so that a
+// failure (a disk that fills) leaves every older file as it was. Yields the
+// complaints, one line each, and none on success. The entry point has refused
+// paths that cannot be created before any work; one that became so since
+// loses its output without a word.
+std::vector<std::string> writeOutputFiles(const std::vector<OutputText>& outputs);
 
 }  // namespace sensorlay

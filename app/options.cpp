@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "common/output_file.h"
 #include "common/rotation.h"
 #include "model/constellation.h"
 #include "tools/tools.h"
@@ -54,11 +55,7 @@ int runFormatConvert(const char* formatToken, const char* fileToken) {
   return convertDeviceFile(fileToken, format);
 }
 
-int runImuTool(const char* fileToken) {
-  if (fileToken != nullptr) return runImuTransform(fileToken);
-  writeImuTemplate();
-  return 0;
-}
+int runImuTool(const char* fileToken) { return fileToken != nullptr ? runImuTransform(fileToken) : writeImuTemplate(); }
 
 }  // namespace
 
@@ -239,8 +236,9 @@ void printUsage() {
   printVersion();
   // The version line must reach its stream before the usage reaches the other,
   // so that a shared terminal shows them in this order.
-  std::fflush(stdout);
+  const Status written = flushStandardOutput("the version line");
   std::fputs(usageText(), stderr);
+  if (!written) std::fprintf(stderr, "%s\n", written.message().c_str());
 }
 
 }  // namespace sensorlay

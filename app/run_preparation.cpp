@@ -1,5 +1,6 @@
 #include <cstdint>
 #include <iostream>
+#include <utility>
 
 #include "app/modes.h"
 #include "common/output_file.h"
@@ -53,11 +54,28 @@ bool prepareRun(const DesignOptions& options, const SensorModel* model, std::uni
   return true;
 }
 
-bool writeOutputFile(const std::string& path, const std::string& text) {
-  Result<OutputFile> file = OutputFile::open(path);
-  if (!file) return true;
-  file->write(text);
-  return file->commit().ok();
+std::vector<std::string> writeOutputFiles(const std::vector<OutputText>& outputs) {
+  std::vector<std::string> complaints;
+  std::vector<std::pair<OutputFile, const OutputText*>> finished;
+  for (const OutputText& output : outputs) {
+    Result<OutputFile> file = OutputFile::open(output.path);
+    if (!file) continue;
+    file->write(output.text);
+    if (file->finish())
+      finished.emplace_back(std::move(*file), &output);
+    else
+      complaints.push_back("Could not write the whole " + output.what + " to " + output.path + ".");
+  }
+  if (!complaints.empty()) {
+    // The temporaries of the finished files go with them.
+    for (const auto& [file, output] : finished)
+      complaints.push_back("Left " + output->path + " as it was too: these files are replaced together or not at all.");
+    return complaints;
+  }
+  for (auto& [file, output] : finished)
+    if (!file.publish())
+      complaints.push_back("Could not write the whole " + output->what + " to " + output->path + ".");
+  return complaints;
 }
 
 }  // namespace sensorlay

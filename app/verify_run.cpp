@@ -22,10 +22,9 @@ int runVerifyCoverage(const DesignOptions& options, TrackedSurface& surface) {
   // Labels would bury thousands of sensors; and no comment stands ahead.
   const std::string script = writeScad(constellation, surface.getSensorsPath(), surface.getObstaclePaths(),
                                        surface.getScale(), options.withScadNormals, false);
-  if (!writeOutputFile(options.outScadPath, script)) {
-    std::cerr << "Could not write the whole script to " << options.outScadPath << "." << std::endl;
-    return 1;
-  }
+  const std::vector<std::string> cutShort = writeOutputFiles({{options.outScadPath, script, "script"}});
+  for (const std::string& message : cutShort) std::cerr << message << std::endl;
+  if (!cutShort.empty()) return 1;
   return 0;
 }
 

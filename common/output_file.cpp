@@ -121,7 +121,8 @@ OutputFile::OutputFile(OutputFile&& other) noexcept
     : path_(std::move(other.path_)),
       temporary_(std::move(other.temporary_)),
       fd_(std::exchange(other.fd_, -1)),
-      error_(other.error_) {
+      error_(other.error_),
+      finished_(std::exchange(other.finished_, false)) {
   other.temporary_.clear();
 }
 
@@ -133,6 +134,7 @@ OutputFile& OutputFile::operator=(OutputFile&& other) noexcept {
     other.temporary_.clear();
     fd_ = std::exchange(other.fd_, -1);
     error_ = other.error_;
+    finished_ = std::exchange(other.finished_, false);
   }
   return *this;
 }
@@ -144,6 +146,7 @@ void OutputFile::abandon() {
   fd_ = -1;
   if (!temporary_.empty()) ::unlink(temporary_.c_str());
   temporary_.clear();
+  finished_ = false;
 }
 
 void OutputFile::write(const char* data, size_t size) {
@@ -151,7 +154,7 @@ void OutputFile::write(const char* data, size_t size) {
   if (!writeAll(fd_, data, size)) error_ = errno;
 }
 
-Status OutputFile::commit() {
+Status OutputFile::finish() {
   if (fd_ < 0) return cannotWrite(path_, "the file is not open");
   int error = error_;
   // Written through to the disk before the rename, so that a crash leaves
@@ -159,12 +162,23 @@ Status OutputFile::commit() {
   if (error == 0 && !temporary_.empty() && fsync(fd_) != 0) error = errno;
   if (::close(fd_) != 0 && error == 0) error = errno;
   fd_ = -1;
-  if (error == 0 && !temporary_.empty() && std::rename(temporary_.c_str(), path_.c_str()) != 0) error = errno;
   if (error != 0) {
     abandon();
     return cannotWrite(path_, std::strerror(error));
   }
+  finished_ = true;
+  return Status();
+}
+
+Status OutputFile::publish() {
+  if (!finished_) return cannotWrite(path_, "the file is not finished");
+  if (!temporary_.empty() && std::rename(temporary_.c_str(), path_.c_str()) != 0) {
+    const int error = errno;
+    abandon();
+    return cannotWrite(path_, std::strerror(error));
+  }
   temporary_.clear();
+  finished_ = false;
   return Status();
 }
 
@@ -173,6 +187,16 @@ Status writeWholeFile(const std::string& path, const std::string& text) {
   if (!file) return file.status();
   file->write(text);
   return file->commit();
+}
+
+Status flushStandardOutput(const std::string& what) {
+  errno = 0;
+  const bool flushed = std::fflush(stdout) == 0;
+  const int error = errno;
+  // The error flag also keeps a failure of an earlier, automatic flush.
+  if (flushed && !std::ferror(stdout)) return Status();
+  return Status::failure("couldn't write " + what + " to the standard output stream" +
+                         (!flushed && error != 0 ? std::string(": ") + std::strerror(error) : std::string()));
 }
 
 }  // namespace sensorlay

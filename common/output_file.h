@@ -38,7 +38,18 @@ class OutputFile {
 
   // Flushes and closes the temporary and renames it onto the path. On failure
   // the temporary is removed and the older file stays as it was.
-  Status commit();
+  Status commit() {
+    const Status finished = finish();
+    return finished ? publish() : finished;
+  }
+
+  // The two halves of commit, for files that must change together: finish
+  // every one, and publish them only once all have finished.
+  // finish: everything written reaches the disk and the temporary is closed;
+  // on failure the temporary is removed.
+  Status finish();
+  // publish: the finished temporary is renamed onto the path.
+  Status publish();
 
   const std::string& path() const { return path_; }
 
@@ -50,9 +61,15 @@ class OutputFile {
   std::string temporary_;  // empty when the path is written in place
   int fd_ = -1;
   int error_ = 0;  // the first write error
+  bool finished_ = false;
 };
 
 // The whole text to `path` through an OutputFile.
 Status writeWholeFile(const std::string& path, const std::string& text);
+
+// Flushes the standard output stream. Fails when anything written to it was
+// lost (a full disk, a closed device), with a message that names `what` was
+// being written.
+Status flushStandardOutput(const std::string& what);
 
 }  // namespace sensorlay

@@ -2,6 +2,7 @@
 
 #include "common/files.h"
 #include "common/json_io.h"
+#include "common/output_file.h"
 #include "device/device_config.h"
 #include "tools/tools.h"
 
@@ -24,7 +25,11 @@ int convertDeviceFile(const std::string& path, int format) {
   config.jsonFormat = format;
   std::fputs(writeStyledJson(writeDeviceRecord(config)).c_str(), stdout);
   std::fputs("\n", stdout);
-  std::fflush(stdout);
+  const Status written = flushStandardOutput("the conversion of " + path);
+  if (!written) {
+    std::fprintf(stderr, "%s\n", written.message().c_str());
+    return 1;
+  }
   return 0;
 }
 

@@ -1,6 +1,7 @@
 #include "device/rigid_transform.h"
 
 #include <json/json.h>
+#include <sys/stat.h>
 #include <Eigen/Geometry>
 
 #include <cerrno>
@@ -8,9 +9,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "common/json_io.h"
+#include "common/output_file.h"
 #include "common/result.h"
 #include "tools/tools.h"
 
@@ -22,7 +25,7 @@ bool isAllZeros(const Eigen::Vector3d& v) { return v.x() == 0.0 && v.y() == 0.0 
 
 }  // namespace
 
-void writeImuTemplate() {
+int writeImuTemplate() {
   std::fputs(
       "// INSTRUCTIONS\n"
       "//\n"
@@ -43,7 +46,12 @@ void writeImuTemplate() {
   }
   std::fputs(writeStyledJson(root).c_str(), stdout);
   std::fputs("\n", stdout);
-  std::fflush(stdout);
+  const Status written = flushStandardOutput("the sample file");
+  if (!written) {
+    std::fprintf(stderr, "%s\n", written.message().c_str());
+    return 1;
+  }
+  return 0;
 }
 
 namespace {
@@ -82,10 +90,22 @@ Result<Eigen::Vector3d> readInputVector(const Json::Value& root, const char* key
 int runImuTransform(const std::string& path) {
   std::FILE* file = std::fopen(path.c_str(), "r");
   if (file == nullptr) return fail("read", path, std::strerror(errno));
+  // Only a regular file comes to an end: a device such as /dev/zero or a
+  // pipe would be read for ever, as the other readers know too.
+  struct stat info;
+  if (fstat(fileno(file), &info) != 0 || !S_ISREG(info.st_mode)) {
+    std::fclose(file);
+    return fail("read", path, "not a regular file");
+  }
   std::string text;
   char buffer[65536];
   size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) text.append(buffer, n);
+  try {
+    while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) text.append(buffer, n);
+  } catch (const std::bad_alloc&) {
+    std::fclose(file);
+    return fail("read", path, "the file is too large to be read");
+  }
   if (std::ferror(file)) {
     const int error = errno;
     std::fclose(file);
@@ -146,7 +166,11 @@ int runImuTransform(const std::string& path) {
   out["trackref_from_imu"] = pose;
   std::fputs(writeStyledJson(out).c_str(), stdout);
   std::fputs("\n", stdout);
-  std::fflush(stdout);
+  const Status written = flushStandardOutput("the transform");
+  if (!written) {
+    std::fprintf(stderr, "%s\n", written.message().c_str());
+    return 1;
+  }
   return 0;
 }
 

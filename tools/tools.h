@@ -10,8 +10,9 @@ namespace sensorlay {
 // standard output stream; true when the version line was printed.
 bool printVersion();
 
-// /trackref_from_imu without a file: prints the sample input with instructions.
-void writeImuTemplate();
+// /trackref_from_imu without a file: prints the sample input with
+// instructions (0), or complains that it could not (1).
+int writeImuTemplate();
 // /trackref_from_imu with a file: prints the transform (0), or complains (1).
 int runImuTransform(const std::string& path);
 

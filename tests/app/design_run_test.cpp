@@ -8,6 +8,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <string>
 
@@ -27,11 +28,15 @@ namespace {
 
 using testing::RunResult;
 
-RunResult quickDesign(const testing::TempDir& dir, std::vector<std::string> args) {
+RunResult quickDesign(const testing::TempDir& dir, std::vector<std::string> args,
+                      const std::vector<std::string>& launcher = {}) {
   for (const char* a : {"/generate", "/norientations", "30", "/coolingrate", "0.5", "/niterations", "1",
                         "/angleresolutiondegrees", "15"})
     args.push_back(a);
-  return testing::runSensorlay(args, dir.path());
+  testing::RunSetup setup;
+  setup.workingDirectory = dir.path();
+  setup.launcher = launcher;
+  return testing::runSensorlay(args, setup);
 }
 
 std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
@@ -88,7 +93,7 @@ TEST(DesignRun, EightSensorsAroundFiveFixedOnes) {
                                                          writeScad(designed, "box.stl", {}, 1.0, false, true));
 }
 
-TEST(DesignRun, ScriptAloneAFullDiskAndOpenScad) {
+TEST(DesignRun, ScriptAloneAndOpenScad) {
   testing::TempDir dir;
   testing::writeStlBinary(dir.file("shell.stl"), testing::scaled(testing::shellBox(), 1000.0f));
   testing::writeStlBinary(dir.file("cap.stl"), testing::boxMesh({-20, -20, 40}, {20, 20, 60}));
@@ -102,13 +107,6 @@ TEST(DesignRun, ScriptAloneAFullDiskAndOpenScad) {
   EXPECT_NE(script.find("modelscale = 1.000000;"), std::string::npos);
   EXPECT_NE(script.find("import(\"shell.stl\", convexity = 4);\n     color(\"white\") import(\"cap.stl\""),
             std::string::npos);
-
-  // A model file cut short by a full disk ends the run with a message and
-  // status 1, before the analysis.
-  run = quickDesign(dir, {"/nsensors", "4", "/sensors", "shell.stl", "/outmodel", "/dev/full"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("\nCould not write the whole model file to /dev/full.\n"), std::string::npos) << run.err;
-  EXPECT_EQ(run.out, "");
 
   // A model path that cannot be created is refused before the search; the
   // older script at the other path is kept. The preview, which wins over the
@@ -127,6 +125,50 @@ TEST(DesignRun, ScriptAloneAFullDiskAndOpenScad) {
   if (std::system("command -v openscad > /dev/null 2>&1") != 0) GTEST_SKIP() << "openscad is not installed";
   const std::string command = "cd '" + dir.path() + "' && openscad -o out.csg only.scad > openscad.log 2>&1";
   EXPECT_EQ(std::system(command.c_str()), 0) << testing::readFile(dir.file("openscad.log"));
+}
+
+// A disk that fills while the design is written, whichever of the two files
+// it stops, leaves both older files as they were and no temporary behind; the
+// run ends with status 1 before the analysis.
+TEST(DesignRun, AFullDiskKeepsTheOlderPair) {
+  testing::TempDir dir;
+  testing::writeStlBinary(dir.file("box.stl"), testing::shellBox());
+  testing::writeFile(dir.file("d.scad"), "older script");
+  testing::writeFile(dir.file("d.json"), "older model");
+  const std::vector<std::string> design = {"/nsensors", "4", "/sensors", "box.stl"};
+  auto expectOlderPair = [&](const RunResult& run, const std::string& messages) {
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out, "");
+    // The progress dots end without a line end; the messages follow on lines of their own.
+    const std::string tail = "\n" + messages;
+    EXPECT_EQ(run.err.substr(run.err.size() - std::min(run.err.size(), tail.size())), tail) << run.err;
+    EXPECT_EQ(testing::readFile(dir.file("d.scad")), "older script");
+    EXPECT_EQ(testing::readFile(dir.file("d.json")), "older model");
+    size_t entries = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(dir.path())) ++entries;
+    EXPECT_EQ(entries, 3u);
+  };
+
+  // The script holds the model's JSON and the drawing code: a file size limit
+  // between the two sizes stops the script alone.
+  std::vector<std::string> args = design;
+  for (const char* a : {"/outscad", "d.scad", "/outmodel", "d.json"}) args.push_back(a);
+  expectOlderPair(quickDesign(dir, args, {"prlimit", "--fsize=2000"}),
+                  "Could not write the whole script to d.scad.\n"
+                  "Left d.json as it was too: these files are replaced together or not at all.\n");
+
+  args = design;
+  for (const char* a : {"/outscad", "d.scad", "/outmodel", "/dev/full"}) args.push_back(a);
+  expectOlderPair(quickDesign(dir, args),
+                  "Could not write the whole model file to /dev/full.\n"
+                  "Left d.scad as it was too: these files are replaced together or not at all.\n");
+
+  // Without the limit both are replaced.
+  args = design;
+  for (const char* a : {"/outscad", "d.scad", "/outmodel", "d.json"}) args.push_back(a);
+  ASSERT_EQ(quickDesign(dir, args).status, 0);
+  EXPECT_GT(testing::readFile(dir.file("d.scad")).size(), 2000u);
+  EXPECT_LT(testing::readFile(dir.file("d.json")).size(), 2000u);
 }
 
 // In a child, as a design lowers its thread's priority for good: the model

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/device_files.h"
 #include "tests/support/frontend_fixtures.h"
 #include "tests/support/run_binary.h"
 
@@ -134,6 +135,44 @@ TEST(Entry, VersionUsageAndValidationMessages) {
   EXPECT_EQ(r.status, 1);
   const std::string last = "Could not build tracked surface from \"s.stl\"\n";
   EXPECT_EQ(r.err.substr(r.err.size() - std::min(r.err.size(), last.size())), last) << r.err;
+}
+
+// What a full disk swallows on the standard output stream is reported and
+// fails the run, in every mode that writes there (the tables have their own
+// test); the usage fails anyway.
+TEST(Entry, EveryModeChecksItsStandardOutput) {
+  TempDir dir;
+  testing::writeFile(dir.file("imu.json"),
+                     "{ \"imu_from_trackref\": [1, 2, 3], \"imu_plusz_in_trackref\": [0, 0, 1], "
+                     "\"imu_plusx_in_trackref\": [1, 0, 0] }");
+  testing::writeFile(dir.file("device.json"), testing::richDeviceJson());
+  const std::string full = " to the standard output stream: No space left on device\n";
+  const std::vector<std::pair<Args, std::string>> cases = {
+      {{"/version"}, "couldn't write the version line" + full},
+      {{}, kUsage + "couldn't write the version line" + full},
+      {{"/trackref_from_imu"}, "couldn't write the sample file" + full},
+      {{"/trackref_from_imu", "imu.json"}, "couldn't write the transform" + full},
+      {{"/formatconvert", "1", "device.json"}, "couldn't write the conversion of device.json" + full},
+  };
+  testing::RunSetup toFullDisk;
+  toFullDisk.workingDirectory = dir.path();
+  toFullDisk.standardOutput = "/dev/full";
+  for (const auto& [args, err] : cases) {
+    const auto r = runSensorlay(args, toFullDisk);
+    EXPECT_EQ(r.status, 1) << ::testing::PrintToString(args);
+    EXPECT_EQ(r.err, err) << ::testing::PrintToString(args);
+  }
+
+  // A disk that fills part of the way through: the file holds what fitted,
+  // and the run says so.
+  testing::RunSetup shortOfSpace;
+  shortOfSpace.workingDirectory = dir.path();
+  shortOfSpace.standardOutput = dir.file("converted.json");
+  shortOfSpace.launcher = {"prlimit", "--fsize=4096"};
+  const auto r = runSensorlay({"/formatconvert", "1", "device.json"}, shortOfSpace);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "couldn't write the conversion of device.json to the standard output stream: File too large\n");
+  EXPECT_EQ(testing::readFile(dir.file("converted.json")).size(), 4096u);
 }
 
 TEST(Entry, ImmediateToolsSkipValidationAndTheRestOfTheLine) {

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -42,8 +43,7 @@ std::string slurpFd(int fd) {
 
 namespace {
 
-RunResult run(const std::vector<std::string>& args, const std::string& workingDirectory, const std::string* until,
-              double seconds) {
+RunResult run(const std::vector<std::string>& args, const RunSetup& setup, const std::string* until, double seconds) {
   const int outFd = temporaryFd(), errFd = temporaryFd();
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
@@ -52,13 +52,19 @@ RunResult run(const std::vector<std::string>& args, const std::string& workingDi
     dup2(devNull, 0);
     dup2(outFd, 1);
     dup2(errFd, 2);
-    if (!workingDirectory.empty() && chdir(workingDirectory.c_str()) != 0) _exit(127);
-    std::vector<std::string> copies(args);
-    copies.insert(copies.begin(), SENSORLAY_BINARY);
+    if (!setup.standardOutput.empty()) {
+      const int fd = open(setup.standardOutput.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (fd < 0 || dup2(fd, 1) < 0) _exit(127);
+    }
+    if (!setup.workingDirectory.empty() && chdir(setup.workingDirectory.c_str()) != 0) _exit(127);
+    for (const std::string& entry : setup.environment) putenv(strdup(entry.c_str()));
+    std::vector<std::string> copies(setup.launcher);
+    copies.push_back(SENSORLAY_BINARY);
+    copies.insert(copies.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (auto& a : copies) argv.push_back(a.data());
     argv.push_back(nullptr);
-    execv(argv[0], argv.data());
+    execvp(argv[0], argv.data());
     _exit(127);
   }
   RunResult result;
@@ -93,12 +99,20 @@ RunResult run(const std::vector<std::string>& args, const std::string& workingDi
 }  // namespace
 
 RunResult runSensorlay(const std::vector<std::string>& args, const std::string& workingDirectory) {
-  return run(args, workingDirectory, nullptr, 0.0);
+  RunSetup setup;
+  setup.workingDirectory = workingDirectory;
+  return run(args, setup, nullptr, 0.0);
+}
+
+RunResult runSensorlay(const std::vector<std::string>& args, const RunSetup& setup) {
+  return run(args, setup, nullptr, 0.0);
 }
 
 RunResult runSensorlayUntil(const std::vector<std::string>& args, const std::string& until, double seconds,
                             const std::string& workingDirectory) {
-  return run(args, workingDirectory, &until, seconds);
+  RunSetup setup;
+  setup.workingDirectory = workingDirectory;
+  return run(args, setup, &until, seconds);
 }
 
 TempDir::TempDir() {

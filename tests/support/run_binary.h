@@ -25,6 +25,20 @@ RunResult runSensorlay(const std::vector<std::string>& args, const std::string& 
 RunResult runSensorlayUntil(const std::vector<std::string>& args, const std::string& until, double seconds,
                             const std::string& workingDirectory = "");
 
+// The conditions a run meets, for the tests of failures that come from outside.
+struct RunSetup {
+  std::string workingDirectory;
+  // When given, the standard output stream goes to this file (/dev/full, say)
+  // instead of being collected.
+  std::string standardOutput;
+  // A program with its arguments that starts the binary, such as
+  // {"prlimit", "--fsize=2000"}; looked up on the search path.
+  std::vector<std::string> launcher;
+  // NAME=value entries added to the environment.
+  std::vector<std::string> environment;
+};
+RunResult runSensorlay(const std::vector<std::string>& args, const RunSetup& setup);
+
 // A fresh directory under the system's temporary folder, removed at exit of
 // the object.
 class TempDir {

@@ -88,6 +88,14 @@ TEST(ImuTransformEndToEnd, UnreadableInput) {
     EXPECT_EQ(r.err.rfind("couldn't parse " + input + ": ", 0), 0u) << r.err;
     EXPECT_EQ(r.out, "");
   }
+
+  // Devices, folders and pipes never come to a proper end (/dev/zero grows
+  // without one): only regular files are read.
+  for (const std::string& path : {std::string("/dev/zero"), dir.path()}) {
+    r = runSensorlay({"/trackref_from_imu", path});
+    EXPECT_EQ(r.status, 1) << path;
+    EXPECT_EQ(r.err, "couldn't read " + path + ": not a regular file\n");
+  }
 }
 
 }  // namespace
