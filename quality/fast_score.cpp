@@ -268,8 +268,7 @@ double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, in
   const SampleFrame& f = frames_[static_cast<size_t>(s)];
   reference = false;
   const int seen = __builtin_popcountll(mask);
-  // Unweighted, as in scorePlacement.
-  if (seen == 0) return kNoAnswer;
+  if (seen == 0) return evaluator_.score.unseenTerm(f.weight);
   if (seen > kMaxSensors) return kNoAnswer * f.weight;
   if (seen < 3 || total[kOversizedAt] != 0) {
     reference = true;

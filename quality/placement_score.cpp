@@ -81,9 +81,7 @@ double PlacementScore::evaluate(SweepObservationSet& set, const Eigen::Vector3d&
     const int32_t rows = 2 * markVisibleSensors(set, pose);
 
     if (rows < 1) {
-      // Deliberately not weighted: an unseen pose costs the same whatever
-      // weight the map gave its direction.
-      sum += kNoAnswer;
+      sum += unseenTerm(sample.weight);
       continue;
     }
     if (rows > kMaxObservationRows) {

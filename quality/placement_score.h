@@ -52,6 +52,12 @@ struct QualityCurve {
 // rows for. Just above the curve's ceiling of 1 + tanh(2).
 constexpr double kNoAnswer = 2.0;
 
+// What a sample that sees no sensor costs. Flat: the no-answer value whatever
+// the sample's weight, so that with a quality map whose weighted area is small
+// a placement that sees none of it can score best. Weighted: the no-answer
+// value times the weight, as every other sample is counted.
+enum class UnseenCost { Flat, Weighted };
+
 class PlacementScore {
  public:
   // Forms the noise information, once: it is a constant of the design.
@@ -77,8 +83,12 @@ class PlacementScore {
   // from the inverse's diagonal, and the curve.
   double sampleValue(ScoreScratch& scratch, int32_t rows) const;
 
+  // The term of a sample of `weight` that sees no sensor.
+  double unseenTerm(double weight) const { return unseenCost == UnseenCost::Weighted ? kNoAnswer * weight : kNoAnswer; }
+
   Eigen::MatrixXd measurementInformation;  // kMaxObservationRows square
   QualityCurve curve;
+  UnseenCost unseenCost = UnseenCost::Flat;
   std::vector<OrientationSample> samples;
   double scoreScale = 1.0;
 

@@ -202,6 +202,13 @@ TEST(FastScore, WeightsAndUnusableSetUps) {
   FastScorer scorer(evaluator, pool);
   walk(search, scorer, pool, 60, 1e-9);
 
+  // With the weighted unseen cost both count an unseen sample at its weight.
+  const double flat = evaluator.scorePlacement();
+  evaluator.score.unseenCost = UnseenCost::Weighted;
+  EXPECT_NE(evaluator.scorePlacement(), flat);
+  walk(search, scorer, pool, 60, 1e-9);
+  evaluator.score.unseenCost = UnseenCost::Flat;
+
   // A weight that is not a number spoils the sum in both.
   evaluator.score.samples[7].weight = std::nan("");
   EXPECT_TRUE(std::isnan(scorer.scoreAll()));
