@@ -51,6 +51,8 @@ Annealer::Annealer(SensorModel& model_, const AnnealerOptions& options)
   if (normalization && progress != nullptr) *progress << "quality map normalization: " << *normalization << std::endl;
   if (options.qualityRangeLow > 0.0 && options.qualityRangeHigh > 0.0)
     evaluator.setQualityRange(options.qualityRangeLow, options.qualityRangeHigh);
+  evaluator.score.unseenCost = options.unseenCost;
+  minSpacing = options.minSpacing;
 
   rng.seed(options.annealSeed ? *options.annealSeed : clockSeed());
   pickLow = static_cast<int32_t>(model->immutableCount);
@@ -176,7 +178,7 @@ void Annealer::reportReferenceBest() {
   std::swap(model->normals, bestNormals);
 }
 
-void runAnnealer(AnnealerOptions& options, Constellation& result) {
+Status runAnnealer(AnnealerOptions& options, Constellation& result) {
   std::unique_ptr<SensorModel> model = makeEmptySensorModel(options.nSensors);
   model->cosMaxIncidence = std::cos(options.maxIncidenceDegrees * kRadiansPerDegree);
 
@@ -192,15 +194,17 @@ void runAnnealer(AnnealerOptions& options, Constellation& result) {
     model->immutableCount = fixed;
   }
 
-  placeInitialSensors(options, *model);
+  if (Status placed = placeInitialSensors(options, *model); !placed) return placed;
 
   Annealer annealer(*model, options);
   annealer.useReferenceScore = options.useReferenceScore;
+  annealer.trialObserver = options.trialObserver;
   if (options.progress != nullptr)
     *options.progress << "anneal duration: " << annealDuration(annealer.trialsPerTemperature, options.coolingRate)
                       << "\n";
   annealer.anneal(result);
   options.finalQualityScore = annealer.bestScore;
+  return Status();
 }
 
 }  // namespace sensorlay

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/result.h"
 #include "model/constellation.h"
 #include "quality/coverage_evaluator.h"
 
@@ -56,6 +57,15 @@ struct AnnealerOptions {
   // Replaces the clock seed of the trial generator, for reproducible runs.
   // The surface's own generator is fixed through TrackedSurface::seedGenerator.
   std::optional<uint32_t> annealSeed;
+  // What a sample that sees no sensor costs (quality/placement_score.h).
+  UnseenCost unseenCost = UnseenCost::Flat;
+  // The least distance, centre to centre in metres, between two sensors in
+  // every placement the search makes, fixed sensors included; 0: none. A
+  // draw closer than that to another sensor is drawn again.
+  double minSpacing = 0.0;
+  // When given, called after each trial with the moved sensor, its score and
+  // whether it was kept.
+  std::function<void(int32_t sensor, double score, bool accepted)> trialObserver;
   // Scores every trial from nothing with CoverageEvaluator::scorePlacement
   // instead of rescoring only the moved sensor; the search is the same, only
   // slower. For checks of the fast path.
@@ -80,6 +90,8 @@ class Annealer {
   void takeSnapshot(Constellation& result);
   // The trial move of one sensor in single precision; its reach in direction
   // narrows as the temperature `T` falls.
+  // With a `minSpacing`, a move that lands too close to another sensor is
+  // drawn again, and after kSpacingDraws such draws the sensor stays.
   void moveSensor(Eigen::Vector3f& point, Eigen::Vector3f& normal, double T);
 
   SensorModel* model;
@@ -99,6 +111,7 @@ class Annealer {
   int32_t pickHigh = -1;
   double moveDrawLow = 0.0;
   double moveDrawHigh = 1.0;
+  double minSpacing = 0.0;
   std::mt19937 rng;
   int32_t pickedSensor = -1;
   Eigen::Vector3d savedPoint = Eigen::Vector3d::Zero();
@@ -118,6 +131,8 @@ class Annealer {
   std::vector<Eigen::Vector3d> bestPoints;
   std::vector<Eigen::Vector3d> bestNormals;
 
+  // One draw of the move, without the spacing.
+  void drawMove(Eigen::Vector3f& point, Eigen::Vector3f& normal, double T);
   void runTrial(double T, double& best, double& current, std::mt19937& acceptance, Constellation& result);
 };
 
@@ -132,7 +147,9 @@ double annealDuration(int32_t trialsPerTemperature, double coolingRate);
 
 // Searches the placement: fills `result` with the best placement seen (all
 // sensors numbered from 0, fixed ones first) and sets `finalQualityScore`.
-void runAnnealer(AnnealerOptions& options, Constellation& result);
+// Fails, before any trial, only when the first placement cannot keep
+// `minSpacing`.
+Status runAnnealer(AnnealerOptions& options, Constellation& result);
 
 // Placement moves (placement_moves.cpp).
 
@@ -142,7 +159,14 @@ std::unique_ptr<SensorModel> makeEmptySensorModel(int32_t count);
 
 // Seats the free sensors (from `immutableCount` on) by best-candidate
 // sampling: of 20 fitting positions each takes the one farthest from its
-// nearest earlier sensor, fixed ones included.
-void placeInitialSensors(const AnnealerOptions& options, SensorModel& model);
+// nearest earlier sensor, fixed ones included. With a `minSpacing`, only
+// positions that keep it count as candidates; the failure says so when a
+// sensor finds none in kSpacingDraws draws.
+Status placeInitialSensors(const AnnealerOptions& options, SensorModel& model);
+
+// Draws of one sensor's place that may miss the spacing before the search
+// gives up on it: the first placement then fails, and a move leaves the
+// sensor where it was.
+constexpr int kSpacingDraws = 2000;
 
 }  // namespace sensorlay

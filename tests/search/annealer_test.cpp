@@ -131,5 +131,46 @@ TEST(Annealer, ReproducibleAndScoredAsReturned) {
   EXPECT_GT(stopped.finalQualityScore, a.finalQualityScore);
 }
 
+// The least distance between two sensors of the model.
+double closestPair(const SensorModel& model) {
+  double closest = INFINITY;
+  for (size_t i = 0; i < model.points.size(); ++i)
+    for (size_t j = 0; j < i; ++j) closest = std::min(closest, (model.points[i] - model.points[j]).norm());
+  return closest;
+}
+
+TEST(AnnealSpacing, FirstPlacementAndEveryMoveKeepItUntilItCannotBeKept) {
+  // Ten sensors 4 cm apart on a 12 x 8 x 6 cm box: crowded enough that many
+  // draws miss, loose enough to succeed.
+  SurfaceFixture fixture(testing::shellBox(), 5);
+  AnnealerOptions options = quickOptions(fixture, 10);
+  options.minSpacing = 0.04;
+  auto model = makeEmptySensorModel(10);
+  model->cosMaxIncidence = 0.5;
+  ASSERT_TRUE(placeInitialSensors(options, *model).ok());
+  EXPECT_GE(closestPair(*model), 0.04);
+
+  Annealer annealer(*model, options);
+  for (int trial = 0; trial < 300; ++trial) {
+    annealer.pickedSensor = trial % 10;
+    Eigen::Vector3f point = model->points[trial % 10].cast<float>(), normal = model->normals[trial % 10].cast<float>();
+    annealer.moveSensor(point, normal, trial % 2 ? 100.0 : 0.1);
+    model->points[trial % 10] = point.cast<double>();
+    model->normals[trial % 10] = normal.cast<double>();
+    ASSERT_GE(closestPair(*model), 0.04) << "trial " << trial;
+  }
+
+  // No room for three sensors 20 cm apart: the search fails before any
+  // trial, naming the spacing.
+  AnnealerOptions crowded = quickOptions(fixture, 3);
+  crowded.minSpacing = 0.2;
+  Constellation result;
+  const Status status = runAnnealer(crowded, result);
+  ASSERT_FALSE(status.ok());
+  EXPECT_NE(status.message().find("keeps 200 mm from the sensors before it in 2000 draws"), std::string::npos)
+      << status.message();
+  EXPECT_FALSE(result.valid);
+}
+
 }  // namespace
 }  // namespace sensorlay
