@@ -42,7 +42,8 @@ Status readMergedMeshes(std::vector<std::string>::const_iterator first, std::vec
 
 }  // namespace
 
-TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vector<std::string>& obstaclePaths_)
+TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vector<std::string>& obstaclePaths_,
+                               const SurfaceBuild& build)
     : sensorsPath(sensorsPath_), obstaclePaths(obstaclePaths_) {
   if (Status read = readStl(sensorsPath, vertices, faces, faceNormals); !read) {
     loadProblem = read.message();
@@ -54,9 +55,21 @@ TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vecto
   // can only be millimetres for a hand-held device.
   const Eigen::RowVector3f extent = vertices.colwise().maxCoeff() - vertices.colwise().minCoeff();
   const float diagonal = std::sqrt(extent(0) * extent(0) + extent(1) * extent(1) + extent(2) * extent(2));
-  scale = diagonal >= 5.0f ? 0.001 : 1.0;
+  scale = build.scale ? *build.scale : diagonal >= 5.0f ? 0.001 : 1.0;
   const float scaleF = static_cast<float>(scale);
   vertices *= scaleF;
+
+  if (build.zeroNormalsFromWinding)
+    for (Eigen::Index f = 0; f < faceNormals.rows(); ++f) {
+      if (faceNormals(f, 0) != 0.0f || faceNormals(f, 1) != 0.0f || faceNormals(f, 2) != 0.0f) continue;
+      const Eigen::Vector3f a = vertices.row(faces(f, 0)).transpose();
+      const Eigen::Vector3f wound =
+          (Eigen::Vector3f(vertices.row(faces(f, 1))) - a).cross(Eigen::Vector3f(vertices.row(faces(f, 2))) - a);
+      // A triangle without area has no winding either; it is never drawn.
+      if (wound.squaredNorm() == 0.0f) continue;
+      faceNormals.row(f) = wound.transpose();
+      ++normalsFromWinding;
+    }
 
   // No guard on purpose: a zero file normal becomes not-a-number, and such a
   // triangle can never pass the ray tests.
@@ -103,8 +116,9 @@ TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vecto
       return;
     }
     obstacleF.array() += static_cast<int32_t>(vertices.rows());
-    // Obstacles are never measured: they share the surface's unit.
-    obstacleV *= scaleF;
+    // Obstacles are never measured: they share the surface's unit unless
+    // the build names theirs.
+    obstacleV *= build.obstacleScale ? static_cast<float>(*build.obstacleScale) : scaleF;
     StlVertices allV;
     StlFaces allF;
     stackRows(vertices, obstacleV, allV);

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -21,11 +22,26 @@ class RayScene;
 // axis is chosen from y and z alone, so that it is never close to the normal.
 void tangentFrame(const Eigen::Vector3f& normal, Eigen::Vector3f& t1, Eigen::Vector3f& t2);
 
+// What a front end that knows more about the files than their size tells
+// may settle for the build. The defaults build the surface as the size rule
+// and the files' own normals make it.
+struct SurfaceBuild {
+  // The factor from the surface file's unit to metres; none: 0.001 when the
+  // bounding box's diagonal is 5 or more, else 1.
+  std::optional<double> scale;
+  // The same for the obstacle files; none: the surface's.
+  std::optional<double> obstacleScale;
+  // A zero file normal of the surface becomes its triangle's normal as wound,
+  // (b - a) x (c - a); otherwise it is a row of not-a-numbers.
+  bool zeroNormalsFromWinding = false;
+};
+
 class TrackedSurface {
  public:
   // All work happens here. A failed build leaves `faces` without rows, and
   // `loadProblem` says why when a file could not be read.
-  TrackedSurface(const std::string& sensorsPath, const std::vector<std::string>& obstaclePaths);
+  TrackedSurface(const std::string& sensorsPath, const std::vector<std::string>& obstaclePaths,
+                 const SurfaceBuild& build = SurfaceBuild());
   ~TrackedSurface();
   TrackedSurface(const TrackedSurface&) = delete;
   TrackedSurface& operator=(const TrackedSurface&) = delete;
@@ -75,6 +91,8 @@ class TrackedSurface {
   // No triangle that a draw can pick (one with an area) has a usable normal:
   // a zero file normal cannot be normalised, and a sensor never fits there.
   bool normalsAllZero = false;
+  // Zero file normals replaced from the winding (SurfaceBuild).
+  int64_t normalsFromWinding = 0;
   // Where a placement search that finds no room says so, once; none: quiet.
   std::ostream* notices = nullptr;
   bool warnedNoRoom = false;

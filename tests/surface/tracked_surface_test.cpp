@@ -79,5 +79,38 @@ TEST(TrackedSurface, FailedBuildsLeaveNoFacesAndTheGeneratorUnseeded) {
   EXPECT_EQ(s.faceCount(), 2u);
 }
 
+TEST(TrackedSurface, BuildSettingsNameTheUnitsAndMendZeroNormals) {
+  TempDir dir;
+  // A 4-unit plate (diagonal 5.7, millimetres by the size rule) whose first
+  // triangle has a zero normal and is wound to face -z, and a 0.5-unit
+  // obstacle plate 1 unit above it.
+  Mesh plate = plateMesh(4.0f);
+  plate[0].normal = Eigen::Vector3f::Zero();
+  std::swap(plate[0].b, plate[0].c);
+  writeStlBinary(dir.file("s.stl"), plate);
+  writeStlBinary(dir.file("o.stl"), plateMesh(0.5f, 1.0f));
+
+  SurfaceBuild inches;
+  inches.scale = 0.0254;
+  inches.obstacleScale = 1.0;
+  inches.zeroNormalsFromWinding = true;
+  TrackedSurface s(dir.file("s.stl"), {dir.file("o.stl")}, inches);
+  ASSERT_EQ(s.faceCount(), 2u);
+  EXPECT_EQ(s.getScale(), 0.0254);
+  EXPECT_FLOAT_EQ(s.vertices.col(0).maxCoeff(), 2.0f * 0.0254f);
+  EXPECT_EQ(s.normalsFromWinding, 1);
+  EXPECT_EQ(s.faceNormals.row(0), Eigen::RowVector3f(0, 0, -1));
+  EXPECT_EQ(s.faceNormals.row(1), Eigen::RowVector3f(0, 0, 1));
+  // The obstacle, in metres, stands 1 m over the 10 cm plate's centre.
+  EXPECT_TRUE(s.castRay({0, 0, 0.5f}, {0, 0, 1}, 0.0f, 1.0f));
+
+  // The defaults: the size rule for both, and the zero normal as it was.
+  TrackedSurface plain(dir.file("s.stl"), {dir.file("o.stl")});
+  EXPECT_EQ(plain.getScale(), 0.001);
+  EXPECT_EQ(plain.normalsFromWinding, 0);
+  EXPECT_TRUE(std::isnan(plain.faceNormals(0, 2)));
+  EXPECT_FALSE(plain.castRay({0, 0, 0.5f}, {0, 0, 1}, 0.0f, 1.0f));
+}
+
 }  // namespace
 }  // namespace sensorlay
