@@ -296,7 +296,8 @@ void gatherRowWorkers(CoverageEvaluator& evaluator, const std::vector<RowWorker>
       if (w.view.everVisible[i]) set.everVisible[i] = true;
 }
 
-// Whether the evaluator is set up for a table, and why not.
+}  // namespace
+
 Status readyForTable(const CoverageEvaluator& evaluator) {
   if (evaluator.model == nullptr || evaluator.observations == nullptr)
     return Status::failure("No sensor model is set up for the coverage table.");
@@ -308,6 +309,8 @@ Status readyForTable(const CoverageEvaluator& evaluator) {
     return Status::failure("The observation set does not match the sensor model.");
   return Status();
 }
+
+namespace {
 
 std::vector<int32_t> unseenChannels(const CoverageEvaluator& evaluator) {
   std::vector<int32_t> unseen;

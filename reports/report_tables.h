@@ -104,6 +104,9 @@ struct CoverageRow {
 bool computeCoverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sample, RowWorker& w,
                         CoverageRow& row);
 
+// Whether the evaluator is set up for a table, and why not.
+Status readyForTable(const CoverageEvaluator& evaluator);
+
 // The directions of the tables: longitude -span/2 .. span/2 (outer loop) and
 // latitude -pi/2 .. pi/2 (inner loop) in steps of `step` radians. None when
 // estimateReportRows is beyond kReportRowLimit.
