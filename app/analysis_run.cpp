@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "app/modes.h"
+#include "common/files.h"
 #include "common/output_file.h"
 #include "common/rotation.h"
 #include "device/model_loading.h"
@@ -29,7 +30,7 @@ int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface
     if (options.generate)
       std::cerr << "Cannot analyse the designed model: " << problem << std::endl;
     else
-      std::cerr << "Cannot analyse " << options.modelPath << ": " << problem << std::endl;
+      std::cerr << "Cannot analyse " << printablePath(options.modelPath) << ": " << problem << std::endl;
     return 1;
   }
 
@@ -99,8 +100,8 @@ int convertModelToScad(const DesignOptions& options, TrackedSurface* surface) {
   else
     script = writeScad(constellation, std::string(), std::vector<std::string>(), 1.0, options.withScadNormals, true);
 
-  const std::vector<std::string> cutShort =
-      writeOutputFiles({{options.outScadPath, "/* From " + options.modelPath + "*/\n\n" + script, "script"}});
+  const std::vector<std::string> cutShort = writeOutputFiles(
+      {{options.outScadPath, "/* From " + scadCommentText(options.modelPath) + "*/\n\n" + script, "script"}});
   for (const std::string& message : cutShort) std::cerr << message << std::endl;
   if (!cutShort.empty()) return 1;
   return 0;

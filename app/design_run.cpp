@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "app/modes.h"
+#include "common/files.h"
 #include "common/json_io.h"
 #include "model/scad_writer.h"
 #include "quality/orientation_samples.h"
@@ -39,8 +40,9 @@ std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurf
       std::optional<double> normalization;
       sampleOrientations(options.nOrientations, *map, normalization);
       if (!normalization) {
-        std::cerr << "Quality map image '" << options.qualityMapPath << "' gives all " << options.nOrientations
-                  << " sampled directions the weight 0 (black): every placement would score 0." << std::endl;
+        std::cerr << "Quality map image '" << printablePath(options.qualityMapPath) << "' gives all "
+                  << options.nOrientations << " sampled directions the weight 0 (black): every placement would score 0."
+                  << std::endl;
         return nullptr;
       }
       annealerOptions.qualityMap = std::move(*map);

@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "common/files.h"
 #include "common/output_file.h"
 #include "common/rotation.h"
 #include "model/constellation.h"
@@ -43,13 +44,14 @@ int runFormatConvert(const char* formatToken, const char* fileToken) {
   int format = 0;
   std::sscanf(formatToken, "%d", &format);  // a token that is no number means format 0
   if (format < 0 || format > 2) {
-    std::fprintf(stderr, "Unrecognized json format [ %s ]. Allowed values {0,1,2}\n", formatToken);
+    std::fprintf(stderr, "Unrecognized json format [ %s ]. Allowed values {0,1,2}\n",
+                 printablePath(formatToken).c_str());
     format = 0;
   }
   // An empty token is a file name like any other; only a missing one fails.
   if (fileToken == nullptr) {
     std::fprintf(stderr, "/formatconvert %s needs a device file: /formatconvert <jsonformatnumber> <object.json>\n",
-                 formatToken);
+                 printablePath(formatToken).c_str());
     return 1;
   }
   return convertDeviceFile(fileToken, format);
@@ -68,7 +70,7 @@ std::optional<int> scanOptions(int argc, char** argv, DesignOptions& options, bo
     const char* token = argv[next++];
     --remaining;
     if (token[0] != '/') {
-      std::fprintf(stderr, "Unrecognized command line argument [ %s ].\n", token);
+      std::fprintf(stderr, "Unrecognized command line argument [ %s ].\n", printablePath(token).c_str());
       parseFailed = true;
       continue;
     }
@@ -142,7 +144,7 @@ std::optional<int> scanOptions(int argc, char** argv, DesignOptions& options, bo
     } else if (is("/version", 0)) {
       versionRequested = true;
     } else {
-      std::fprintf(stderr, "Unrecognized command line switch [ %s ].\n", token);
+      std::fprintf(stderr, "Unrecognized command line switch [ %s ].\n", printablePath(token).c_str());
       parseFailed = true;
     }
   }

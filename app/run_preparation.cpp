@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "app/modes.h"
+#include "common/files.h"
 #include "common/output_file.h"
 #include "surface/tracked_surface.h"
 
@@ -15,8 +16,9 @@ bool prepareRun(const DesignOptions& options, const SensorModel* model, std::uni
     surface->notices = &std::cerr;
     if (surface->faceCount() == 0) {
       if (!surface->loadProblem.empty()) std::cerr << surface->loadProblem << std::endl;
-      std::cerr << "Could not build tracked surface from \"" << options.sensorsPath << "\"";
-      for (const std::string& obstacle : options.obstaclePaths) std::cerr << " and \"" << obstacle << "\"";
+      std::cerr << "Could not build tracked surface from \"" << printablePath(options.sensorsPath) << "\"";
+      for (const std::string& obstacle : options.obstaclePaths)
+        std::cerr << " and \"" << printablePath(obstacle) << "\"";
       std::cerr << std::endl;
       return false;
     }
@@ -64,17 +66,18 @@ std::vector<std::string> writeOutputFiles(const std::vector<OutputText>& outputs
     if (file->finish())
       finished.emplace_back(std::move(*file), &output);
     else
-      complaints.push_back("Could not write the whole " + output.what + " to " + output.path + ".");
+      complaints.push_back("Could not write the whole " + output.what + " to " + printablePath(output.path) + ".");
   }
   if (!complaints.empty()) {
     // The temporaries of the finished files go with them.
     for (const auto& [file, output] : finished)
-      complaints.push_back("Left " + output->path + " as it was too: these files are replaced together or not at all.");
+      complaints.push_back("Left " + printablePath(output->path) +
+                           " as it was too: these files are replaced together or not at all.");
     return complaints;
   }
   for (auto& [file, output] : finished)
     if (!file.publish())
-      complaints.push_back("Could not write the whole " + output->what + " to " + output->path + ".");
+      complaints.push_back("Could not write the whole " + output->what + " to " + printablePath(output->path) + ".");
   return complaints;
 }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <vector>
@@ -44,7 +45,82 @@ bool entryExists(const std::string& path) {
   return stat(path.c_str(), &info) == 0;
 }
 
+// The length of the well-formed UTF-8 sequence at `at` and its code point,
+// or 0 when the bytes there are not one.
+size_t utf8Sequence(const std::string& text, size_t at, uint32_t& codePoint) {
+  const auto byte = [&](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u; };
+  const unsigned lead = byte(at);
+  size_t length;
+  unsigned low = 0x80, high = 0xBF;  // the range of the second byte
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+    codePoint = lead & 0x1Fu;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3;
+    codePoint = lead & 0x0Fu;
+    if (lead == 0xE0) low = 0xA0;   // no overlong forms
+    if (lead == 0xED) high = 0x9F;  // no surrogates
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    codePoint = lead & 0x07u;
+    if (lead == 0xF0) low = 0x90;
+    if (lead == 0xF4) high = 0x8F;  // nothing beyond U+10FFFF
+  } else {
+    return 0;
+  }
+  for (size_t i = 1; i < length; ++i) {
+    const unsigned next = byte(at + i);
+    if (next < (i == 1 ? low : 0x80u) || next > (i == 1 ? high : 0xBFu)) return 0;
+    codePoint = (codePoint << 6) | (next & 0x3Fu);
+  }
+  return length;
+}
+
+// Characters a terminal acts on rather than shows: the C1 controls, and the
+// marks that turn the direction of the text around it.
+bool isHiddenControl(uint32_t c) {
+  return (c >= 0x80 && c <= 0x9F) || c == 0x061C || c == 0x200E || c == 0x200F || (c >= 0x2028 && c <= 0x202E) ||
+         (c >= 0x2066 && c <= 0x2069);
+}
+
 }  // namespace
+
+std::string printablePath(const std::string& path) {
+  std::string out;
+  out.reserve(path.size());
+  auto escape = [&out](unsigned char c) {
+    static const char digits[] = "0123456789abcdef";
+    if (c == '\t')
+      out += "\\t";
+    else if (c == '\n')
+      out += "\\n";
+    else if (c == '\r')
+      out += "\\r";
+    else
+      out += {'\\', 'x', digits[c >> 4], digits[c & 15]};
+  };
+  for (size_t i = 0; i < path.size();) {
+    const unsigned char c = static_cast<unsigned char>(path[i]);
+    if (c >= 0x20 && c < 0x7F) {
+      out += static_cast<char>(c);
+      ++i;
+      continue;
+    }
+    uint32_t codePoint = 0;
+    const size_t length = c < 0x80 ? 0 : utf8Sequence(path, i, codePoint);
+    if (length == 0) {
+      escape(c);
+      ++i;
+    } else if (isHiddenControl(codePoint)) {
+      for (size_t k = 0; k < length; ++k) escape(static_cast<unsigned char>(path[i + k]));
+      i += length;
+    } else {
+      out.append(path, i, length);
+      i += length;
+    }
+  }
+  return out;
+}
 
 std::string readTextFile(const std::string& path) {
   std::string text;

@@ -6,6 +6,13 @@
 
 namespace sensorlay {
 
+// A path (or any text the user gave) as it may be printed in a message: the
+// control characters and other bytes that a terminal would act on or could
+// not show (escape sequences, C1 controls, bytes that are not UTF-8, marks
+// that reverse the direction of the text) come out as \t, \n, \r or \xNN;
+// everything else, plain printable paths whole, comes out as it is.
+std::string printablePath(const std::string& path);
+
 // The whole file with CR LF collapsed to LF; empty on any failure.
 std::string readTextFile(const std::string& path);
 std::string joinPath(const std::string& a, const std::string& b, char separator = '/');

@@ -12,6 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/files.h"
+
 namespace sensorlay {
 
 namespace {
@@ -24,7 +26,7 @@ std::string folderOf(const std::string& path) {
 }
 
 Status cannotWrite(const std::string& path, const std::string& why) {
-  return Status::failure("cannot write " + path + ": " + why);
+  return Status::failure("cannot write " + printablePath(path) + ": " + why);
 }
 
 // The file a path names: a symbolic link is followed, so that the rename
@@ -71,10 +73,12 @@ Status checkWritable(const std::string& requested) {
     return cannotWrite(requested, std::strerror(errno));
   }
   const std::string folder = folderOf(path);
-  if (stat(folder.c_str(), &info) != 0) return cannotWrite(requested, "its folder " + folder + " does not exist");
-  if (!S_ISDIR(info.st_mode)) return cannotWrite(requested, folder + " is not a folder");
+  if (stat(folder.c_str(), &info) != 0)
+    return cannotWrite(requested, "its folder " + printablePath(folder) + " does not exist");
+  if (!S_ISDIR(info.st_mode)) return cannotWrite(requested, printablePath(folder) + " is not a folder");
   if (access(folder.c_str(), W_OK | X_OK) != 0)
-    return cannotWrite(requested, "its folder " + folder + " does not take new files (" + std::strerror(errno) + ")");
+    return cannotWrite(
+        requested, "its folder " + printablePath(folder) + " does not take new files (" + std::strerror(errno) + ")");
   return Status();
 }
 

@@ -1,5 +1,6 @@
 #include "device/model_loading.h"
 
+#include "common/files.h"
 #include "device/device_config.h"
 
 namespace sensorlay {
@@ -8,7 +9,7 @@ Result<Constellation> readDeviceFormModel(const ModelText& model) {
   DeviceConfig config;
   std::string errorText;
   if (!parseDeviceConfig(config, errorText, model.text))
-    return Status::failure("couldn't read " + model.shownPath + ": " + errorText);
+    return Status::failure("couldn't read " + printablePath(model.shownPath) + ": " + errorText);
   Constellation constellation;
   constellation.valid = config.constellation.valid;
   constellation.modelCad = config.constellation.modelCad;
@@ -27,7 +28,7 @@ namespace {
 Status screenPositions(const std::string& shownPath, const Constellation& constellation) {
   for (size_t i = 0; i < constellation.modelPoints.size(); ++i)
     if (!constellation.modelPoints[i].allFinite())
-      return Status::failure("couldn't read " + shownPath + ": modelPoints[" + std::to_string(i) +
+      return Status::failure("couldn't read " + printablePath(shownPath) + ": modelPoints[" + std::to_string(i) +
                              "] is not a finite position in single precision");
   return Status();
 }

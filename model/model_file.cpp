@@ -11,7 +11,7 @@ namespace sensorlay {
 namespace {
 
 Status unparsable(const std::string& path, const std::string& why) {
-  return Status::failure("couldn't parse standalone beaconet_config " + path + ": " + why);
+  return Status::failure("couldn't parse standalone beaconet_config " + printablePath(path) + ": " + why);
 }
 
 }  // namespace
@@ -26,7 +26,7 @@ Result<ModelText> readModelText(const std::string& path) {
     model.text = readResourceFile(model.shownPath);
   }
   if (model.text.empty())
-    return Status::failure("couldn't read " + model.shownPath + ": file is empty or does not exist");
+    return Status::failure("couldn't read " + printablePath(model.shownPath) + ": file is empty or does not exist");
   return model;
 }
 

@@ -85,13 +85,27 @@ void replaceAll(std::string& text, const std::string& placeholder, const std::st
   }
 }
 
-// OpenSCAD reads a backslash in a string as an escape.
-std::string doubleBackslashes(const std::string& path) {
+// A path as the text of an OpenSCAD string: a backslash or a double quote
+// would end the string or escape what follows, and let the rest of the path be
+// read as code; control characters are written as escapes too.
+std::string openScadString(const std::string& path) {
+  static const char digits[] = "0123456789abcdef";
   std::string out;
   out.reserve(path.size());
   for (char c : path) {
-    out += c;
-    if (c == '\\') out += '\\';
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (c == '\\' || c == '"')
+      out += {'\\', c};
+    else if (c == '\n')
+      out += "\\n";
+    else if (c == '\t')
+      out += "\\t";
+    else if (c == '\r')
+      out += "\\r";
+    else if (byte < 0x20 || byte == 0x7F)
+      out += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+    else
+      out += c;
   }
   return out;
 }
@@ -105,6 +119,12 @@ std::ostringstream makeNumberStream() {
 }
 
 }  // namespace
+
+std::string scadCommentText(const std::string& text) {
+  std::string out = text;
+  for (size_t at = 0; (at = out.find("*/", at)) != std::string::npos; at += 3) out.insert(at + 1, "\\");
+  return out;
+}
 
 std::string sensorRotateExpression(const Eigen::Vector3f& normal) {
   Eigen::Vector3f axis(1.0f, 0.0f, 0.0f);
@@ -140,9 +160,9 @@ std::string writeScad(const Constellation& constellation, const std::string& sen
 
   std::string models;
   if (!sensorsPath.empty())
-    models += "     color(\"orange\") import(\"" + doubleBackslashes(sensorsPath) + "\", convexity = 4);\n";
+    models += "     color(\"orange\") import(\"" + openScadString(sensorsPath) + "\", convexity = 4);\n";
   for (const std::string& obstacle : obstaclePaths)
-    models += "     color(\"white\") import(\"" + doubleBackslashes(obstacle) + "\", convexity = 4);\n";
+    models += "     color(\"white\") import(\"" + openScadString(obstacle) + "\", convexity = 4);\n";
   replaceAll(script, "%MODELS%", models);
 
   // A record whose sequences disagree in length (possible in a hand-written

@@ -18,6 +18,11 @@ std::string writeScad(const Constellation& constellation, const std::string& sen
                       const std::vector<std::string>& obstaclePaths, double modelScale, bool drawNormals,
                       bool drawLabels);
 
+// Text to stand inside a /* */ comment of a script, such as a path in its
+// header: a "*/" in it, which would end the comment early and let the rest be
+// read as code, comes out as "*\/".
+std::string scadCommentText(const std::string& text);
+
 // The last two members of a sensor row: the angle in degrees and the axis that
 // turn the disc's +Z onto `normal`, as "angle, [x, y, z]".
 std::string sensorRotateExpression(const Eigen::Vector3f& normal);

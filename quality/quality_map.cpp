@@ -10,6 +10,7 @@
 #include <cstring>
 #include <new>
 
+#include "common/files.h"
 #include "quality/map_image.h"
 
 namespace sensorlay {
@@ -33,7 +34,7 @@ int32_t nearestIndex(float value, int32_t last) {
 }
 
 Status loadError(const std::string& path, const std::string& reason) {
-  return Status::failure("Error loading quality map image '" + path + "' : " + reason);
+  return Status::failure("Error loading quality map image '" + printablePath(path) + "' : " + reason);
 }
 
 // The whole file, or the reason it cannot be had. Only a regular file is

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <ostream>
 
+#include "common/files.h"
 #include "common/random_draws.h"
 #include "surface/tracked_surface.h"
 
@@ -68,9 +69,9 @@ void TrackedSurface::noteFruitlessAttempt(uint64_t attempts) {
   if (attempts != kAttemptsBeforeWarning || warnedNoRoom) return;
   warnedNoRoom = true;
   if (notices == nullptr) return;
-  *notices << "WARNING: no room found for a sensor of size " << sensorSize << " on \"" << sensorsPath << "\" in "
-           << kAttemptsBeforeWarning << " attempts" << (normalsAllZero ? ": all normals of the surface are zero" : "")
-           << "; still searching" << std::endl;
+  *notices << "WARNING: no room found for a sensor of size " << sensorSize << " on \"" << printablePath(sensorsPath)
+           << "\" in " << kAttemptsBeforeWarning << " attempts"
+           << (normalsAllZero ? ": all normals of the surface are zero" : "") << "; still searching" << std::endl;
 }
 
 bool TrackedSurface::randomPlacement(Eigen::Vector3f& point, Eigen::Vector3f& normal) {

@@ -14,6 +14,8 @@
 #include <string_view>
 #include <vector>
 
+#include "common/files.h"
+
 // Binary STL stores little-endian floats and integers; they are copied as
 // they stand.
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the binary STL reader assumes a little-endian host");
@@ -33,7 +35,7 @@ constexpr uint64_t kMaxTriangles = static_cast<uint64_t>(std::numeric_limits<int
 constexpr float kMaxCoordinate = 1e9f;
 
 Status complain(const std::string& path, const std::string& problem) {
-  return Status::failure("IOError: \"" + path + "\": " + problem);
+  return Status::failure("IOError: \"" + printablePath(path) + "\": " + problem);
 }
 
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }

@@ -13,19 +13,19 @@ int convertDeviceFile(const std::string& path, int format) {
   if (text.empty()) {
     // A missing file is reported but not failed, unlike a file that is there
     // and wrong.
-    std::fprintf(stderr, "couldn't read %s: file is empty or does not exist\n", path.c_str());
+    std::fprintf(stderr, "couldn't read %s: file is empty or does not exist\n", printablePath(path).c_str());
     return 0;
   }
   DeviceConfig config;
   std::string errorText;
   if (!parseDeviceConfig(config, errorText, text)) {
-    std::fprintf(stderr, "couldn't read %s: %s\n", path.c_str(), errorText.c_str());
+    std::fprintf(stderr, "couldn't read %s: %s\n", printablePath(path).c_str(), errorText.c_str());
     return 1;
   }
   config.jsonFormat = format;
   std::fputs(writeStyledJson(writeDeviceRecord(config)).c_str(), stdout);
   std::fputs("\n", stdout);
-  const Status written = flushStandardOutput("the conversion of " + path);
+  const Status written = flushStandardOutput("the conversion of " + printablePath(path));
   if (!written) {
     std::fprintf(stderr, "%s\n", written.message().c_str());
     return 1;

@@ -12,6 +12,7 @@
 #include <new>
 #include <string>
 
+#include "common/files.h"
 #include "common/json_io.h"
 #include "common/output_file.h"
 #include "common/result.h"
@@ -59,7 +60,7 @@ namespace {
 // The tool's complaints about its input: one line on the standard error
 // stream, and the status of a failed run.
 int fail(const std::string& verb, const std::string& path, const std::string& why) {
-  std::fprintf(stderr, "couldn't %s %s: %s\n", verb.c_str(), path.c_str(), why.c_str());
+  std::fprintf(stderr, "couldn't %s %s: %s\n", verb.c_str(), printablePath(path).c_str(), why.c_str());
   return 1;
 }
 
