@@ -57,7 +57,7 @@ class FastScorer {
   FastScorer& operator=(const FastScorer&) = delete;
 
   // Scores the present placement from nothing and caches it. Reads the
-  // samples, the curve, the translation of the evaluator's pose and the
+  // samples, the curve, the evaluator's position and the
   // sensors anew; this is the set-up, and the only call that allocates.
   double scoreAll();
   // Scores the placement after `sensor` (an index into the model's points)
