@@ -1,11 +1,12 @@
 #include "common/files.h"
 
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <exception>
 #include <vector>
 
@@ -124,28 +125,29 @@ std::string printablePath(const std::string& path) {
 
 std::string readTextFile(const std::string& path) {
   std::string text;
-  FILE* file = std::fopen(path.c_str(), "rb");
-  if (file == nullptr) return text;
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return text;
   // Only a regular file has a length worth trusting: a directory or a device
   // would report nonsense or block.
   struct stat info;
-  if (fstat(fileno(file), &info) != 0 || !S_ISREG(info.st_mode) || std::fseek(file, 0, SEEK_END) != 0) {
-    std::fclose(file);
-    return text;
-  }
-  const long length = std::ftell(file);
-  if (length <= 0 || std::fseek(file, 0, SEEK_SET) != 0) {
-    std::fclose(file);
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_size <= 0) {
+    close(fd);
     return text;
   }
   try {
-    text.resize(static_cast<size_t>(length));
+    text.resize(static_cast<size_t>(info.st_size));
   } catch (const std::exception&) {
-    std::fclose(file);
+    close(fd);
     return std::string();
   }
-  const size_t got = std::fread(text.data(), 1, text.size(), file);
-  std::fclose(file);
+  size_t got = 0;
+  while (got < text.size()) {
+    const ssize_t n = read(fd, &text[got], text.size() - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    got += static_cast<size_t>(n);
+  }
+  close(fd);
   if (got != text.size()) return std::string();
 
   // CR LF becomes LF: the line feed takes the carriage return's place.

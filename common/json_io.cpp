@@ -2,8 +2,8 @@
 
 #include <json/json.h>
 
+#include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <stdexcept>
 
 namespace sensorlay {
@@ -111,12 +111,12 @@ std::string formatJsonNumber(double value, int significantDigits) {
   // Non-finite values follow JsonCpp's choice, so that the file stays JSON.
   if (std::isnan(value)) return "null";
   if (std::isinf(value)) return value < 0 ? "-1e+9999" : "1e+9999";
+  // printf's "%.*g" digit for digit, at a fraction of its cost and with a
+  // decimal point whatever the locale.
   char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%.*g", significantDigits, value);
-  std::string text(buffer);
-  for (char& c : text)
-    if (c == ',') c = '.';
-  return text;
+  const std::to_chars_result end =
+      std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::general, significantDigits);
+  return std::string(buffer, end.ptr);
 }
 
 namespace {

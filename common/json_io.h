@@ -75,7 +75,7 @@ class JsonOut {
 std::string writeStyledJson(const JsonOut& value, unsigned rightMargin = 160);
 
 // A number in the general format of printf with the given significant digits,
-// with a decimal comma turned into a point.
+// with a decimal point whatever the locale.
 std::string formatJsonNumber(double value, int significantDigits);
 
 // Parses with comments allowed. Never throws: on failure `errors` holds the

@@ -118,20 +118,42 @@ void modelSeeds() {
   Constellation skipped = threeSensors();
   skipped.channelMap = {0, -1, 5};
   put("model_file", "negative-channel.json", writeStyledJson(constellationToJson(skipped)));
-  put("model_file", "device-form.json", t::richDeviceJson());
+  put("model_file", "device-form.json", t::minimalHmdJson("\"beaconet_config\": " + json));
 }
 
 void deviceSeeds() {
   put("device_record", "rich", std::string(1, '\1') + t::richDeviceJson());
   put("device_record", "minimal", std::string(1, '\0') + t::minimalHmdJson());
-  DeviceConfig config;
+  // The rich record cut into parts, each written in another generation:
+  // small inputs keep the fuzzer fast.
+  DeviceConfig rich;
   std::string errorText;
-  if (!parseDeviceConfig(config, errorText, t::richDeviceJson())) std::exit(1);
-  for (int format = 0; format < 3; ++format) {
-    config.jsonFormat = format;
-    put("device_record", "rich-format" + std::to_string(format),
-        std::string(1, static_cast<char>(2 - format)) + writeStyledJson(writeDeviceRecord(config)));
-  }
+  if (!parseDeviceConfig(rich, errorText, t::richDeviceJson())) std::exit(1);
+  DeviceConfig display = rich;
+  display.cameras.clear();
+  display.ispDrivers.clear();
+  display.constellation = Constellation();
+  display.trackrefFromImu = RigidTransform();
+  display.trackrefFromHead = RigidTransform();
+  display.imuCalibration = ImuCalibration();
+  display.firmwareConfig = Json::Value();
+  display.mfgBuildInfo = Json::Value();
+  DeviceConfig tracking = rich;
+  tracking.deviceClass = DeviceClass::Controller;  // no display keys
+  tracking.cameras.resize(1);
+  tracking.constellation = Constellation();
+  DeviceConfig cameras = tracking;
+  cameras.cameras = rich.cameras;
+  cameras.trackrefFromImu = RigidTransform();
+  cameras.imuCalibration = ImuCalibration();
+  const std::pair<const char*, DeviceConfig*> parts[] = {
+      {"display", &display}, {"tracking", &tracking}, {"cameras", &cameras}};
+  for (int format = 0; format < 3; ++format)
+    for (const auto& [name, config] : parts) {
+      config->jsonFormat = format;
+      put("device_record", std::string(name) + "-format" + std::to_string(format),
+          std::string(1, static_cast<char>(2 - format)) + writeStyledJson(writeDeviceRecord(*config)));
+    }
 }
 
 std::string imuInput(const Eigen::Vector3d& position, const Eigen::Vector3d& plusZ, const Eigen::Vector3d& plusX) {

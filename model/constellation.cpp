@@ -33,8 +33,11 @@ SensorModel::SensorModel(const Constellation& c, const ModelTransform& t) {
 }
 
 bool parseModelSection(Constellation& c, const Json::Value& root) {
+  return readModelSection(c, root.isMember("beaconet_config") ? root["beaconet_config"] : root);
+}
+
+bool readModelSection(Constellation& c, const Json::Value& section) {
   c = Constellation();
-  const Json::Value& section = root.isMember("beaconet_config") ? root["beaconet_config"] : root;
   c.modelCad = section.get("modelCad", "").asString();
   if (!section.isMember("channelMap") || !section.isMember("modelPoints") || !section.isMember("modelNormals"))
     return false;

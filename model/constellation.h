@@ -59,6 +59,8 @@ struct SensorModel {
 // Fills the record from a root that holds the section under "beaconet_config"
 // or is the section itself; yields `valid`.
 bool parseModelSection(Constellation& constellation, const Json::Value& root);
+// The same from the section itself.
+bool readModelSection(Constellation& constellation, const Json::Value& section);
 
 // The section as JSON; null for a record that is not valid or has no sensors.
 JsonOut constellationToJson(const Constellation& constellation);

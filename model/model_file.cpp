@@ -38,9 +38,8 @@ Result<Constellation> parseStandaloneModel(const ModelText& model) {
   if (!parseJsonText(model.text, parsed, errors)) return unparsable(model.shownPath, errors);
   Constellation read;
   try {
-    Json::Value root(Json::objectValue);
-    root["beaconet_config"] = parsed;
-    parseModelSection(read, root);
+    // The whole root is the section, whatever keys it holds.
+    readModelSection(read, parsed);
   } catch (const std::exception& e) {
     // Well-formed JSON of the wrong shape: JsonCpp's accessors throw on a
     // root that is no object or a number that is text.

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <random>
 #include <tuple>
 
@@ -117,6 +120,24 @@ TEST(JsonWriter, NumbersKeepTheWidthOfTheirSource) {
   a.append(1e-7f);
   EXPECT_EQ(writeStyledJson(a), "[ 0.0500000007, 0.050000000000000003, 0, 2, -3, 4000000000, 1.00000001e-07 ]\n");
   EXPECT_EQ(formatJsonNumber(std::nan(""), 17), "null");
+  // Digit for digit what printf's "%.*g" writes, over the whole range of bit
+  // patterns and both widths.
+  std::mt19937_64 g(7);
+  for (int i = 0; i < 20000; ++i) {
+    const uint64_t bits = g();
+    double value;
+    std::memcpy(&value, &bits, sizeof value);
+    if (!std::isfinite(value)) continue;
+    for (int digits : {9, 17}) {
+      for (double v :
+           {value, static_cast<double>(static_cast<float>(value)), static_cast<double>(bits % 100000) / 64}) {
+        if (!std::isfinite(v)) continue;
+        char expected[64];
+        std::snprintf(expected, sizeof expected, "%.*g", digits, v);
+        ASSERT_EQ(formatJsonNumber(v, digits), expected) << digits;
+      }
+    }
+  }
 }
 
 }  // namespace
