@@ -101,6 +101,9 @@ int runEntry(int argc, char** argv) {
 
   if (options.generate) lowerThreadPriority();
   WorkerPool pool(0);
+  if (!pool.startProblem().empty())
+    std::fprintf(stderr, "note: running on one thread, as no more could be started (%s)\n",
+                 pool.startProblem().c_str());
   if (options.generate) {
     // The designed model takes the place of the immutable one for the analysis.
     model = runDesign(options, *surface, model.get(), pool);

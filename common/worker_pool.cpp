@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <system_error>
 
 namespace sensorlay {
 
@@ -74,7 +75,15 @@ WorkerPool::WorkerPool(int threads) : shared_(std::make_unique<Shared>()) {
   watchForks();
   const int count = resolveThreadCount(threads);
   workers_.reserve(static_cast<size_t>(count - 1));
-  for (int w = 1; w < count; ++w) workers_.emplace_back([this, w] { workerLoop(w); });
+  try {
+    for (int w = 1; w < count; ++w) workers_.emplace_back([this, w] { workerLoop(w); });
+  } catch (const std::system_error& e) {
+    // The results do not depend on the number of threads; the run goes on
+    // with one rather than with whatever share of the threads the limit left.
+    startProblem_ = e.what();
+    stopWorkers();
+    workers_.clear();
+  }
 }
 
 WorkerPool::~WorkerPool() {
@@ -83,6 +92,10 @@ WorkerPool::~WorkerPool() {
     (void)shared_.release();
     return;
   }
+  stopWorkers();
+}
+
+void WorkerPool::stopWorkers() {
   Shared& s = *shared_;
   {
     std::lock_guard<std::mutex> lock(s.wakeMutex);

@@ -7,6 +7,7 @@
 // the machine is often shared, and threads that spin for work starve the ones that have it.
 
 #include <memory>
+#include <string>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -16,7 +17,9 @@ namespace sensorlay {
 class WorkerPool {
  public:
   // `threads` counts the calling thread too, so 1 makes no thread and runs
-  // everything inline. 0 or less means one per hardware thread.
+  // everything inline. 0 or less means one per hardware thread. When the
+  // system refuses a thread (a process limit), the pool lets the ones it
+  // started go and runs everything inline; startProblem says why.
   explicit WorkerPool(int threads);
   // Wakes and joins the workers. No run may be in progress.
   ~WorkerPool();
@@ -25,6 +28,10 @@ class WorkerPool {
 
   // The number of threads that take part in a run, the caller included.
   int size() const { return static_cast<int>(workers_.size()) + 1; }
+
+  // Why the pool runs on the calling thread alone though more threads were
+  // asked for; empty when every thread started.
+  const std::string& startProblem() const { return startProblem_; }
 
   // Calls task(i) for every i in [0, taskCount) exactly once, spread over the
   // workers and the calling thread, and returns when all calls have returned.
@@ -57,6 +64,8 @@ class WorkerPool {
   }
 
   void runErased(int taskCount, Call call, void* context);
+  // Wakes the workers for the end and joins them.
+  void stopWorkers();
   void workerLoop(int worker);
   // Takes indices of the current run until none is left.
   void drain(int worker);
@@ -67,6 +76,7 @@ class WorkerPool {
   struct Shared;
   std::unique_ptr<Shared> shared_;
   std::vector<std::thread> workers_;
+  std::string startProblem_;
 };
 
 }  // namespace sensorlay

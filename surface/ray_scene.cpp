@@ -17,7 +17,11 @@ struct DeviceHolder {
   RTCDevice device = nullptr;
   bool backfaceCulling = false;
   DeviceHolder() {
-    device = rtcNewDevice(nullptr);
+    // The scenes are built on the calling thread alone. The library's own
+    // thread pool cannot cope with a system that refuses it threads (it ends
+    // the process), while the program's pool falls back to one thread; and a
+    // scene is built once per run, in milliseconds.
+    device = rtcNewDevice("threads=1");
     if (!device) {
       std::cerr << "Embree error " << static_cast<int>(rtcGetDeviceError(nullptr))
                 << ": the ray-casting device could not be created" << std::endl;

@@ -1,6 +1,7 @@
 // The command line end to end: the real binary on generated files.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -9,6 +10,7 @@
 
 #include "tests/support/device_files.h"
 #include "tests/support/frontend_fixtures.h"
+#include "tests/support/meshes.h"
 #include "tests/support/run_binary.h"
 
 namespace sensorlay {
@@ -173,6 +175,49 @@ TEST(Entry, EveryModeChecksItsStandardOutput) {
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "couldn't write the conversion of device.json to the standard output stream: File too large\n");
   EXPECT_EQ(testing::readFile(dir.file("converted.json")).size(), 4096u);
+}
+
+// A system that refuses threads (a process limit) leaves the run to one
+// thread, with one note, and the same results.
+TEST(Entry, RunsOnOneThreadWhenNoMoreCanBeStarted) {
+#ifndef SENSORLAY_NO_THREADS
+  GTEST_SKIP() << "a sanitizer's runtime takes no preloaded library";
+#else
+  TempDir dir;
+  testing::writeModelFile(dir.file("m.json"), testing::threeSensorConstellation());
+  testing::writeStlBinary(dir.file("s.stl"), testing::cubeMesh(0.1f, 2));
+  testing::RunSetup noThreads;
+  noThreads.workingDirectory = dir.path();
+  noThreads.environment = {std::string("LD_PRELOAD=") + SENSORLAY_NO_THREADS};
+  const std::string note =
+      "note: running on one thread, as no more could be started (Resource temporarily unavailable)\n";
+
+  const Args analysis = {"/model", "m.json", "/sensors", "s.stl", "/angleresolutiondegrees", "10"};
+  const auto plain = runSensorlay(analysis, dir.path());
+  ASSERT_EQ(plain.status, 0) << plain.err;
+  auto r = runSensorlay(analysis, noThreads);
+  EXPECT_EQ(r.status, 0);
+  const size_t at = r.err.find(note);
+  ASSERT_NE(at, std::string::npos) << r.err;
+  EXPECT_EQ(r.err.substr(0, at) + r.err.substr(at + note.size()), plain.err);
+  EXPECT_EQ(r.out, plain.out);
+  if (geteuid() != 0) {  // the superuser is not held to the limit
+    testing::RunSetup limited;
+    limited.workingDirectory = dir.path();
+    limited.launcher = {"prlimit", "--nproc=1"};
+    r = runSensorlay(analysis, limited);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, plain.out);
+  }
+
+  r = runSensorlay({"/generate", "/nsensors", "5", "/sensors", "s.stl", "/outmodel", "d.json", "/norientations", "30",
+                    "/coolingrate", "0.5", "/niterations", "1", "/angleresolutiondegrees", "30"},
+                   noThreads);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err.rfind(note + "quality map normalization: 1\n", 0), 0u) << r.err;
+  EXPECT_EQ(r.err.find("note:", 1), std::string::npos) << r.err;
+  EXPECT_TRUE(testing::fileExists(dir.file("d.json")));
+#endif
 }
 
 TEST(Entry, ImmediateToolsSkipValidationAndTheRestOfTheLine) {
