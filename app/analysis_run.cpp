@@ -21,16 +21,20 @@ constexpr double kFullTurn = 6.283185307179586;
 
 }  // namespace
 
+void refuseAnalysis(const DesignOptions& options, const std::string& problem) {
+  if (options.generate)
+    std::cerr << "Cannot analyse the designed model: " << problem << std::endl;
+  else
+    std::cerr << "Cannot analyse " << printablePath(options.modelPath) << ": " << problem << std::endl;
+}
+
 int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface* surface, WorkerPool& pool) {
   // The tables hold two angle rows per visible sensor in a 64-row matrix and
   // one mask entry per channel below 32; a model beyond that is refused
   // before anything is printed rather than reported on in part.
   const std::string problem = reportModelProblem(model);
   if (!problem.empty()) {
-    if (options.generate)
-      std::cerr << "Cannot analyse the designed model: " << problem << std::endl;
-    else
-      std::cerr << "Cannot analyse " << printablePath(options.modelPath) << ": " << problem << std::endl;
+    refuseAnalysis(options, problem);
     return 1;
   }
 

@@ -6,7 +6,9 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/modes.h"
@@ -79,18 +81,19 @@ int runEntry(int argc, char** argv) {
   // out now, not when the result has nowhere to go.
   if (!checkOutputPaths(options)) return 1;
 
-  std::unique_ptr<SensorModel> model;
+  std::optional<Constellation> constellation;
   if (!options.modelPath.empty()) {
-    Result<std::unique_ptr<SensorModel>> loaded = loadSensorModel(options.modelPath);
-    if (!loaded) {
-      std::fprintf(stderr, "%s\n", loaded.message().c_str());
+    Result<Constellation> read = readModelFile(options.modelPath);
+    if (!read) {
+      std::fprintf(stderr, "%s\n", read.message().c_str());
       return 1;
     }
-    model = std::move(*loaded);
+    constellation = std::move(*read);
   }
 
+  std::unique_ptr<SensorModel> model;
   std::unique_ptr<TrackedSurface> surface;
-  if (!prepareRun(options, model.get(), surface)) return 1;
+  if (!prepareRun(options, constellation ? &*constellation : nullptr, model, surface)) return 1;
 
   if (model != nullptr && !options.generate && !options.outScadPath.empty())
     return convertModelToScad(options, surface.get());

@@ -16,9 +16,14 @@ class TrackedSurface;
 class CoverageEvaluator;
 class WorkerPool;
 
-// Builds the surface into `surface` when a sensors path is given, and holds
-// the model against the options and the surface. False after a complaint.
-bool prepareRun(const DesignOptions& options, const SensorModel* model, std::unique_ptr<TrackedSurface>& surface);
+// Builds the surface into `surface` when a sensors path is given, holds the
+// model file's sensors against the options and the surface, and makes the
+// run-time `model` of them. False after a complaint.
+bool prepareRun(const DesignOptions& options, const Constellation* constellation, std::unique_ptr<SensorModel>& model,
+                std::unique_ptr<TrackedSurface>& surface);
+
+// The line that refuses to analyse a model, for the reason `problem`.
+void refuseAnalysis(const DesignOptions& options, const std::string& problem);
 
 // The design run: searches a placement on `pool`, writes the script and the
 // model file, and yields the designed model for the analysis that follows;

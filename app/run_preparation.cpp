@@ -5,11 +5,13 @@
 #include "app/modes.h"
 #include "common/files.h"
 #include "common/output_file.h"
+#include "reports/report_tables.h"
 #include "surface/tracked_surface.h"
 
 namespace sensorlay {
 
-bool prepareRun(const DesignOptions& options, const SensorModel* model, std::unique_ptr<TrackedSurface>& surface) {
+bool prepareRun(const DesignOptions& options, const Constellation* constellation, std::unique_ptr<SensorModel>& model,
+                std::unique_ptr<TrackedSurface>& surface) {
   if (!options.sensorsPath.empty()) {
     surface = std::make_unique<TrackedSurface>(options.sensorsPath, options.obstaclePaths);
     surface->setSensorSize(options.sensorSize);
@@ -24,9 +26,11 @@ bool prepareRun(const DesignOptions& options, const SensorModel* model, std::uni
     }
   }
 
-  if (model) {
+  if (constellation != nullptr) {
+    // The counts are checked before the model is made: making it takes the
+    // distances of all pairs, seconds for a file of a hundred thousand sensors.
+    const int64_t count = static_cast<int64_t>(keptSensorCount(*constellation));
     if (options.generate) {
-      const int64_t count = static_cast<int64_t>(model->sensorCount());
       if (count > options.nSensors) {
         std::cerr << "Model of immutable sensors has more than /nsensors " << options.nSensors << "!" << std::endl;
         return false;
@@ -37,6 +41,12 @@ bool prepareRun(const DesignOptions& options, const SensorModel* model, std::uni
         return false;
       }
     }
+    const bool analysis = !options.generate && options.outScadPath.empty() && options.verifyCoverage == 0;
+    if (const std::string problem = reportCountProblem(static_cast<size_t>(count)); analysis && !problem.empty()) {
+      refuseAnalysis(options, problem);
+      return false;
+    }
+    model = std::make_unique<SensorModel>(*constellation, ModelTransform());
     if (surface) {
       for (size_t i = 0; i < model->sensorCount(); ++i) {
         const Eigen::Vector3f point = model->points[i].cast<float>();

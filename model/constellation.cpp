@@ -32,6 +32,13 @@ SensorModel::SensorModel(const Constellation& c, const ModelTransform& t) {
   maxRadius = std::sqrt(maxRadius2);
 }
 
+size_t keptSensorCount(const Constellation& c) {
+  const size_t n = c.channelMap.size();
+  if (c.modelPoints.size() != n || c.modelNormals.size() != n) return 0;
+  return static_cast<size_t>(
+      std::count_if(c.channelMap.begin(), c.channelMap.end(), [](int32_t ch) { return ch >= 0; }));
+}
+
 bool parseModelSection(Constellation& c, const Json::Value& root) {
   return readModelSection(c, root.isMember("beaconet_config") ? root["beaconet_config"] : root);
 }

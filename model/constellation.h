@@ -56,6 +56,10 @@ struct SensorModel {
   uint64_t immutableCount = 0;
 };
 
+// The number of sensors a SensorModel made from `constellation` holds: those on
+// a channel that is not negative; none when the sequences disagree in length.
+size_t keptSensorCount(const Constellation& constellation);
+
 // Fills the record from a root that holds the section under "beaconet_config"
 // or is the section itself; yields `valid`.
 bool parseModelSection(Constellation& constellation, const Json::Value& root);

@@ -409,10 +409,15 @@ ViewGrade gradeView(PoseSolvability& solvability) {
   return {100, 0};
 }
 
-std::string reportModelProblem(const SensorModel& model) {
-  if (model.sensorCount() > static_cast<size_t>(kMaxSensors))
-    return "it has " + std::to_string(model.sensorCount()) + " sensors, and the tables take at most " +
+std::string reportCountProblem(size_t sensorCount) {
+  if (sensorCount > static_cast<size_t>(kMaxSensors))
+    return "it has " + std::to_string(sensorCount) + " sensors, and the tables take at most " +
            std::to_string(kMaxSensors) + ".";
+  return std::string();
+}
+
+std::string reportModelProblem(const SensorModel& model) {
+  if (const std::string problem = reportCountProblem(model.sensorCount()); !problem.empty()) return problem;
   for (int32_t channel : model.channels)
     if (channel >= kMaxSensors)
       return "it uses channel " + std::to_string(channel) + ", and the tables take the channels 0 to " +

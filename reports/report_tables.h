@@ -74,6 +74,8 @@ ViewGrade gradeView(PoseSolvability& solvability);
 // Why the tables cannot serve this model, or empty when they can: more than
 // 32 sensors, or a channel of 32 or above.
 std::string reportModelProblem(const SensorModel& model);
+// The first half of that, for a count known before the model is made.
+std::string reportCountProblem(size_t sensorCount);
 
 // What one thread changes while it computes rows: its own copy of the
 // observation set, whose visibleNow bits the Jacobian reads and whose

@@ -33,6 +33,10 @@ TEST(RunPreparation, FailuresAndWarnings) {
   writeModel(dir, "two.json", {{0, 0, 0}, {0.01f, 0.02f, 0}}, {0, 1});
   writeModel(dir, "off.json", {{0.01f, 0.02f, 0.5f}, {0, 0, 0.002f}, {-0.25f, 0, 0}}, {0, 1, 2});
   writeModel(dir, "none.json", {{0, 0, 0}}, {-1});
+  std::vector<Eigen::Vector3f> far(40, Eigen::Vector3f(0, 0, 0.5f));
+  std::vector<int32_t> channels(40);
+  for (int32_t i = 0; i < 40; ++i) channels[static_cast<size_t>(i)] = i;
+  writeModel(dir, "many.json", far, channels);
   const std::string noPoints =
       "WARNING: model does not define any points. Confirm channelMap, modelNormals, modelPoints exist in json\n";
   struct Case {
@@ -54,6 +58,10 @@ TEST(RunPreparation, FailuresAndWarnings) {
       {{"/model", "none.json"}, noPoints},
       {{"/model", "none.json", "/sensors", "s.stl"}, noPoints},
       {{"/model", "none.json", "/generate", "/sensors", "s.stl", "/outmodel", "x.json", "/nsensors", "3"}, noPoints},
+      // More sensors than the tables take are refused before the model is
+      // made and held against the surface (no warnings).
+      {{"/model", "many.json", "/sensors", "s.stl"},
+       "Cannot analyse many.json: it has 40 sensors, and the tables take at most 32.\n"},
       // Outside a design run the count is not compared.
       {{"/model", "two.json", "/nsensors", "1", "/sensors", "s.stl", "/angleresolutiondegrees", "30"}, "", 0},
       // Sensors off the surface only warn; the position is a column,
