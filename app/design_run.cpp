@@ -56,10 +56,7 @@ std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurf
   annealerOptions.coolingRate = options.coolingRate;
   annealerOptions.nIterations = options.nIterations;
   annealerOptions.nOrientations = options.nOrientations;
-  // The margin is in radians but taken off the bound in degrees, which makes
-  // it tiny; designs made so far depend on this bound, so it stays.
-  annealerOptions.maxIncidenceDegrees =
-      options.maxIncidenceAngle - 0.5 * (2.0 * std::asin(1.9 / std::sqrt(static_cast<double>(options.nOrientations))));
+  annealerOptions.maxIncidenceDegrees = searchIncidenceDegrees(options.maxIncidenceAngle, options.nOrientations);
   if (options.qualityRangeLow > 0.0 && options.qualityRangeHigh > 0.0) {
     annealerOptions.qualityRangeLow = options.qualityRangeLow;
     annealerOptions.qualityRangeHigh = options.qualityRangeHigh;

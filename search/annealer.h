@@ -5,6 +5,7 @@
 #include <Eigen/Core>
 
 #include <atomic>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
@@ -140,6 +141,14 @@ class Annealer {
 // without a draw; a worse one draws u from `acceptance` and is kept when
 // exp((current - next) / T) is at or above u. A not-a-number `next` is kept.
 bool acceptTrial(double current, double next, double T, std::mt19937& acceptance);
+
+// The incidence limit of a search over `nOrientations` samples, in degrees:
+// the limit less half the angular spacing of the samples. The spacing is in
+// radians and taken off the degrees as it stands, which makes the margin
+// tiny; designs made so far depend on this bound, so it stays.
+inline double searchIncidenceDegrees(double maxIncidenceDegrees, int32_t nOrientations) {
+  return maxIncidenceDegrees - 0.5 * (2.0 * std::asin(1.9 / std::sqrt(static_cast<double>(nOrientations))));
+}
 
 // The number of trials the schedule runs, before rounding, as printed on the
 // "anneal duration: " line.
