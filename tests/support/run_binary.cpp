@@ -43,7 +43,10 @@ std::string slurpFd(int fd) {
 
 namespace {
 
-RunResult run(const std::vector<std::string>& args, const RunSetup& setup, const std::string* until, double seconds) {
+// With `until`, the run is sent `signal` once its standard error stream holds
+// that text, and killed if it has not ended `seconds` after its start.
+RunResult run(const std::vector<std::string>& args, const RunSetup& setup, const std::string* until, double seconds,
+              int signal = SIGKILL) {
   const int outFd = temporaryFd(), errFd = temporaryFd();
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
@@ -59,7 +62,7 @@ RunResult run(const std::vector<std::string>& args, const RunSetup& setup, const
     if (!setup.workingDirectory.empty() && chdir(setup.workingDirectory.c_str()) != 0) _exit(127);
     for (const std::string& entry : setup.environment) putenv(strdup(entry.c_str()));
     std::vector<std::string> copies(setup.launcher);
-    copies.push_back(SENSORLAY_BINARY);
+    copies.push_back(setup.binary.empty() ? std::string(SENSORLAY_BINARY) : setup.binary);
     copies.insert(copies.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (auto& a : copies) argv.push_back(a.data());
@@ -73,16 +76,28 @@ RunResult run(const std::vector<std::string>& args, const RunSetup& setup, const
     waitpid(pid, &wstatus, 0);
   } else {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    bool signalled = false;
     for (;;) {
       if (waitpid(pid, &wstatus, WNOHANG) == pid) break;
-      std::string err(1 << 16, '\0');
-      const ssize_t n = pread(errFd, err.data(), err.size(), 0);
-      err.resize(n > 0 ? static_cast<size_t>(n) : 0);
-      if (err.find(*until) != std::string::npos || std::chrono::steady_clock::now() > deadline) {
+      const bool late = std::chrono::steady_clock::now() > deadline;
+      if (late) {
         kill(pid, SIGKILL);
         waitpid(pid, &wstatus, 0);
         result.stopped = true;
         break;
+      }
+      if (!signalled) {
+        std::string err(1 << 16, '\0');
+        const ssize_t n = pread(errFd, err.data(), err.size(), 0);
+        err.resize(n > 0 ? static_cast<size_t>(n) : 0);
+        if (err.find(*until) != std::string::npos) {
+          kill(pid, signal);
+          signalled = result.stopped = true;
+          if (signal == SIGKILL) {
+            waitpid(pid, &wstatus, 0);
+            break;
+          }
+        }
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -113,6 +128,21 @@ RunResult runSensorlayUntil(const std::vector<std::string>& args, const std::str
   RunSetup setup;
   setup.workingDirectory = workingDirectory;
   return run(args, setup, &until, seconds);
+}
+
+RunResult runLab(const std::vector<std::string>& args, const std::string& workingDirectory) {
+  RunSetup setup;
+  setup.workingDirectory = workingDirectory;
+  setup.binary = SENSORLAY_LAB_BINARY;
+  return run(args, setup, nullptr, 0.0);
+}
+
+RunResult runLabUntil(const std::vector<std::string>& args, const std::string& until, int signal, double seconds,
+                      const std::string& workingDirectory) {
+  RunSetup setup;
+  setup.workingDirectory = workingDirectory;
+  setup.binary = SENSORLAY_LAB_BINARY;
+  return run(args, setup, &until, seconds, signal);
 }
 
 TempDir::TempDir() {

@@ -36,8 +36,18 @@ struct RunSetup {
   std::vector<std::string> launcher;
   // NAME=value entries added to the environment.
   std::vector<std::string> environment;
+  // The program run; empty: sensorlay.
+  std::string binary;
 };
 RunResult runSensorlay(const std::vector<std::string>& args, const RunSetup& setup);
+
+// sensorlay-lab with the arguments, as runSensorlay runs sensorlay.
+RunResult runLab(const std::vector<std::string>& args, const std::string& workingDirectory = "");
+// sensorlay-lab, sent `signal` as soon as its standard error stream holds
+// `until`, and then waited for (`stopped` is set); killed when it has not
+// ended `seconds` after its start.
+RunResult runLabUntil(const std::vector<std::string>& args, const std::string& until, int signal, double seconds,
+                      const std::string& workingDirectory = "");
 
 // A fresh directory under the system's temporary folder, removed at exit of
 // the object.
