@@ -1,0 +1,23 @@
+#pragma once
+// sensorlay-lab, the engineer's front end: its subcommands, each taking the
+// arguments after the program's name (argv[0] the subcommand) and yielding
+// the exit status.
+
+#include <string>
+
+#include "reports/coverage_summary.h"
+
+namespace sensorlay::lab {
+
+int runLab(int argc, char** argv);
+int runCheck(int argc, char** argv);
+int runScore(int argc, char** argv);
+int runDesign(int argc, char** argv);
+
+// "1.0.0.0", the version of the build.
+const char* labVersion();
+
+// The coverage summary as lines of text for people.
+std::string coverageText(const CoverageSummary& summary);
+
+}  // namespace sensorlay::lab
