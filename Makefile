@@ -15,9 +15,10 @@ build: deps
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
-# Each fuzz target in turn for FUZZ_SECONDS seconds (fuzz/run.sh).
+# Each fuzz target in turn for FUZZ_SECONDS seconds, or FUZZ_RUNS executions
+# when given and sooner (fuzz/run.sh).
 fuzz: build
-	@bash fuzz/run.sh $(BUILD_DIR) $(FUZZ_SECONDS)
+	@FUZZ_RUNS=$(FUZZ_RUNS) bash fuzz/run.sh $(BUILD_DIR) $(FUZZ_SECONDS)
 
 demo: build
 	@bash scripts/demo.sh $(BUILD_DIR)

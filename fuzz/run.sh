@@ -4,7 +4,8 @@
 # kept (BUILD_DIR/fuzz-runs/<target>/corpus); findings land in
 # BUILD_DIR/fuzz-runs/<target>/ as crash-*, leak-*, timeout-* or oom-* files.
 # Keep each one under fuzz/crashes/<target>/ once it is fixed, so that the
-# tests replay it.
+# tests replay it. With FUZZ_RUNS set, a target also stops after that many
+# executions. Dictionaries (fuzz/<target>.dict) steer the mutations.
 #   bash fuzz/run.sh BUILD_DIR SECONDS [TARGET...]
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -22,11 +23,12 @@ for target in "${targets[@]}"; do
   binary=$build/fuzz-tree/fuzz/${target}_fuzz
   runs=$build/fuzz-runs/$target
   mkdir -p "$runs/corpus"
-  dict=()
-  [ -f "$here/$target.dict" ] && dict=(-dict="$here/$target.dict")
+  extra=()
+  [ -f "$here/$target.dict" ] && extra+=(-dict="$here/$target.dict")
+  [ -n "${FUZZ_RUNS:-}" ] && extra+=(-runs="$FUZZ_RUNS")
   log=$runs/last.log
   nice -n 19 "$binary" -max_total_time="$seconds" -print_final_stats=1 -close_fd_mask=3 -timeout=30 \
-    -rss_limit_mb=2048 -artifact_prefix="$runs/" "${dict[@]}" "$runs/corpus" "$here/corpus/$target" >"$log" 2>&1
+    -rss_limit_mb=2048 -artifact_prefix="$runs/" "${extra[@]}" "$runs/corpus" "$here/corpus/$target" >"$log" 2>&1
   status=$?
   executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
   took=$(sed -n 's/^Done [0-9]* runs in \([0-9]*\) second.*/\1/p' "$log" | tail -1)
