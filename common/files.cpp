@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <exception>
+#include <stdexcept>
 #include <vector>
 
 namespace sensorlay {
@@ -123,32 +124,51 @@ std::string printablePath(const std::string& path) {
   return out;
 }
 
-std::string readTextFile(const std::string& path) {
-  std::string text;
+WholeFile readRegularFile(const std::string& path, uint64_t maxBytes) {
+  WholeFile file;
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return text;
-  // Only a regular file has a length worth trusting: a directory or a device
-  // would report nonsense or block.
+  if (fd < 0) {
+    file.problem = WholeFile::Problem::CannotOpen;
+    file.error = errno;
+    return file;
+  }
   struct stat info;
-  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_size <= 0) {
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
     close(fd);
-    return text;
+    file.problem = WholeFile::Problem::NotRegularFile;
+    return file;
   }
   try {
-    text.resize(static_cast<size_t>(info.st_size));
+    if (static_cast<uint64_t>(info.st_size) > maxBytes) throw std::length_error("file");
+    file.bytes.resize(static_cast<size_t>(info.st_size));
   } catch (const std::exception&) {
     close(fd);
-    return std::string();
+    file.problem = WholeFile::Problem::TooLarge;
+    return file;
   }
   size_t got = 0;
-  while (got < text.size()) {
-    const ssize_t n = read(fd, &text[got], text.size() - got);
+  while (got < file.bytes.size()) {
+    const ssize_t n = read(fd, &file.bytes[got], file.bytes.size() - got);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
+    if (n < 0) {
+      file.error = errno;
+      close(fd);
+      file.bytes.clear();
+      file.problem = WholeFile::Problem::ReadFailed;
+      return file;
+    }
+    if (n == 0) break;  // shrank while being read
     got += static_cast<size_t>(n);
   }
   close(fd);
-  if (got != text.size()) return std::string();
+  file.bytes.resize(got);
+  return file;
+}
+
+std::string readTextFile(const std::string& path) {
+  WholeFile file = readRegularFile(path);
+  if (file.problem != WholeFile::Problem::None) return std::string();
+  std::string text = std::move(file.bytes);
 
   // CR LF becomes LF: the line feed takes the carriage return's place.
   size_t out = 0;

@@ -2,6 +2,7 @@
 // Files and paths: whole-file reads, path joins, the walks up a directory
 // tree, the running executable and the folder that bare model names live in.
 
+#include <cstdint>
 #include <string>
 
 namespace sensorlay {
@@ -12,6 +13,17 @@ namespace sensorlay {
 // that reverse the direction of the text) come out as \t, \n, \r or \xNN;
 // everything else, plain printable paths whole, comes out as it is.
 std::string printablePath(const std::string& path);
+
+// The whole of a regular file of at most `maxBytes`. Only a regular file has
+// a length worth trusting: a directory or a device would report nonsense,
+// block or never end.
+struct WholeFile {
+  enum class Problem { None, CannotOpen, NotRegularFile, TooLarge, ReadFailed };
+  std::string bytes;
+  Problem problem = Problem::None;
+  int error = 0;  // errno of CannotOpen and ReadFailed
+};
+WholeFile readRegularFile(const std::string& path, uint64_t maxBytes = UINT64_MAX);
 
 // The whole file with CR LF collapsed to LF; empty on any failure.
 std::string readTextFile(const std::string& path);

@@ -211,21 +211,8 @@ void qualityMapSeeds() {
       {"rgba8.png", 6, 8, false, false},         {"palette4-trns-interlaced.png", 3, 4, true, true},
   };
   for (const Layout& layout : layouts) {
-    t::PngImage png;
-    png.width = 9;
-    png.height = 5;
-    png.colourType = layout.colourType;
-    png.depth = layout.depth;
-    png.interlaced = layout.interlaced;
-    const uint32_t top = (1u << layout.depth) - 1;
-    const size_t count = size_t{9} * 5 * t::samplesPerPixel(layout.colourType);
-    for (size_t i = 0; i < count; ++i) png.samples.push_back(static_cast<uint16_t>(generator() & top));
-    if (layout.colourType == 3)
-      for (uint32_t i = 0; i < 3 * (top + 1); ++i) png.palette.push_back(static_cast<uint8_t>(generator()));
-    if (layout.transparent) {
-      const size_t n = layout.colourType == 3 ? 6 : (layout.colourType == 2 ? 3 : 1);
-      for (size_t i = 0; i < n; ++i) png.transparent.push_back(static_cast<uint16_t>(generator() & top));
-    }
+    const t::PngImage png =
+        t::noisePng(9, 5, layout.colourType, layout.depth, layout.interlaced, layout.transparent, generator);
     put("quality_map", layout.name, t::pngBytes(png));
   }
   std::string pixels;

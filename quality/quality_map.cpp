@@ -1,10 +1,5 @@
 #include "quality/quality_map.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cmath>
 #include <cstddef>
 #include <cstring>
@@ -21,7 +16,7 @@ namespace {
 constexpr float kByteToUnit = 0.003921569f;
 
 // Far more than the largest map the pixel limit lets through in any format.
-constexpr off_t kMaxMapFileBytes = off_t{256} << 20;
+constexpr uint64_t kMaxMapFileBytes = uint64_t{256} << 20;
 
 // roundf of `value`, held to 0 .. last. Clamping before the conversion keeps
 // out-of-range and not-a-number coordinates defined; they land on an edge
@@ -37,51 +32,24 @@ Status loadError(const std::string& path, const std::string& reason) {
   return Status::failure("Error loading quality map image '" + printablePath(path) + "' : " + reason);
 }
 
-// The whole file, or the reason it cannot be had. Only a regular file is
-// read: a device or a pipe could block or never end.
-Result<std::string> readImageFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return Status::failure("can't fopen");
-  struct stat info;
-  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    ::close(fd);
-    return Status::failure("not a regular file");
-  }
-  if (info.st_size > kMaxMapFileBytes) {
-    ::close(fd);
-    return Status::failure("the file is larger than " + std::to_string(kMaxMapFileBytes >> 20) + " MB");
-  }
-  std::string bytes;
-  try {
-    bytes.resize(static_cast<size_t>(info.st_size));
-  } catch (const std::bad_alloc&) {
-    ::close(fd);
-    return Status::failure("out of memory");
-  }
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = ::read(fd, &bytes[done], bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      const int error = errno;
-      ::close(fd);
-      return Status::failure(std::string("read failed: ") + std::strerror(error));
-    }
-    if (n == 0) break;  // shrank while being read
-    done += static_cast<size_t>(n);
-  }
-  ::close(fd);
-  bytes.resize(done);
-  return bytes;
-}
-
 }  // namespace
 
 Result<QualityMap> QualityMap::load(const std::string& path) {
   if (path.empty()) return QualityMap();
-  Result<std::string> bytes = readImageFile(path);
-  if (!bytes) return loadError(path, bytes.message());
-  return decode(path, *bytes);
+  const WholeFile file = readRegularFile(path, kMaxMapFileBytes);
+  switch (file.problem) {
+    case WholeFile::Problem::None:
+      return decode(path, file.bytes);
+    case WholeFile::Problem::CannotOpen:
+      return loadError(path, "can't fopen");
+    case WholeFile::Problem::NotRegularFile:
+      return loadError(path, "not a regular file");
+    case WholeFile::Problem::TooLarge:
+      return loadError(path, "the file is larger than " + std::to_string(kMaxMapFileBytes >> 20) + " MB");
+    case WholeFile::Problem::ReadFailed:
+      break;
+  }
+  return loadError(path, std::string("read failed: ") + std::strerror(file.error));
 }
 
 Result<QualityMap> QualityMap::decode(const std::string& path, const std::string& bytes) {

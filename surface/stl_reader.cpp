@@ -1,16 +1,10 @@
 #include "surface/stl_reader.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <new>
 #include <string_view>
 #include <vector>
 
@@ -277,40 +271,20 @@ Status parseStl(const std::string& path, const std::string& bytes, StlVertices& 
 }
 
 Status readStl(const std::string& path, StlVertices& vertices, StlFaces& faces, StlVertices& normals) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    return complain(path, std::string("cannot be opened: ") + std::strerror(errno));
+  const WholeFile file = readRegularFile(path);
+  switch (file.problem) {
+    case WholeFile::Problem::None:
+      return parseStl(path, file.bytes, vertices, faces, normals);
+    case WholeFile::Problem::CannotOpen:
+      return complain(path, std::string("cannot be opened: ") + std::strerror(file.error));
+    case WholeFile::Problem::NotRegularFile:
+      return complain(path, "not a regular file");
+    case WholeFile::Problem::TooLarge:
+      return complain(path, "the file is too large to be read");
+    case WholeFile::Problem::ReadFailed:
+      break;
   }
-  struct stat info;
-  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    ::close(fd);
-    return complain(path, "not a regular file");
-  }
-  std::string bytes;
-  try {
-    bytes.resize(static_cast<size_t>(info.st_size));
-  } catch (const std::bad_alloc&) {
-    ::close(fd);
-    return complain(path, "the file is too large to be read");
-  } catch (const std::length_error&) {
-    ::close(fd);
-    return complain(path, "the file is too large to be read");
-  }
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = ::read(fd, &bytes[done], bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      const int error = errno;
-      ::close(fd);
-      return complain(path, std::string("read failed: ") + std::strerror(error));
-    }
-    if (n == 0) break;  // shrank while being read
-    done += static_cast<size_t>(n);
-  }
-  ::close(fd);
-  bytes.resize(done);
-  return parseStl(path, bytes, vertices, faces, normals);
+  return complain(path, std::string("read failed: ") + std::strerror(file.error));
 }
 
 }  // namespace sensorlay

@@ -119,22 +119,8 @@ TEST(QualityMap, DecodersGiveThePixelsOfTheEarlierReader) {
   };
   std::vector<std::pair<std::string, std::string>> images;
   for (const Layout& layout : layouts) {
-    testing::PngImage png;
-    png.width = 13;
-    png.height = 7;
-    png.colourType = layout.colourType;
-    png.depth = layout.depth;
-    png.interlaced = layout.interlaced;
-    const uint32_t top = (1u << layout.depth) - 1;
-    const size_t count = size_t{13} * 7 * testing::samplesPerPixel(layout.colourType);
-    for (size_t i = 0; i < count; ++i) png.samples.push_back(static_cast<uint16_t>(generator() & top));
-    if (layout.colourType == PNG_COLOR_TYPE_PALETTE)
-      for (uint32_t i = 0; i < 3 * (top + 1); ++i) png.palette.push_back(static_cast<uint8_t>(generator()));
-    if (layout.transparent) {
-      const int values = layout.colourType == PNG_COLOR_TYPE_RGB ? 3 : 1;
-      const size_t n = layout.colourType == PNG_COLOR_TYPE_PALETTE ? 100 : values;
-      for (size_t i = 0; i < n; ++i) png.transparent.push_back(static_cast<uint16_t>(generator() & top));
-    }
+    const testing::PngImage png =
+        testing::noisePng(13, 7, layout.colourType, layout.depth, layout.interlaced, layout.transparent, generator);
     images.emplace_back("PNG type " + std::to_string(layout.colourType) + ", " + std::to_string(layout.depth) +
                             " bits" + (layout.interlaced ? ", interlaced" : "") + (layout.transparent ? ", tRNS" : ""),
                         testing::pngBytes(png));

@@ -20,6 +20,26 @@ int samplesPerPixel(int colourType) {
   }
 }
 
+PngImage noisePng(uint32_t width, uint32_t height, int colourType, int depth, bool interlaced, bool transparent,
+                  std::mt19937& generator) {
+  PngImage png;
+  png.width = width;
+  png.height = height;
+  png.colourType = colourType;
+  png.depth = depth;
+  png.interlaced = interlaced;
+  const uint32_t top = (1u << depth) - 1;
+  const size_t count = size_t{width} * height * samplesPerPixel(colourType);
+  for (size_t i = 0; i < count; ++i) png.samples.push_back(static_cast<uint16_t>(generator() & top));
+  if (colourType == PNG_COLOR_TYPE_PALETTE)
+    for (uint32_t i = 0; i < 3 * (top + 1); ++i) png.palette.push_back(static_cast<uint8_t>(generator()));
+  if (transparent) {
+    const size_t n = colourType == PNG_COLOR_TYPE_PALETTE ? (top + 1) / 2 : colourType == PNG_COLOR_TYPE_RGB ? 3 : 1;
+    for (size_t i = 0; i < n; ++i) png.transparent.push_back(static_cast<uint16_t>(generator() & top));
+  }
+  return png;
+}
+
 namespace {
 
 void append(png_structp png, png_bytep data, size_t length) {

@@ -3,6 +3,7 @@
 // the map's tests and the fuzz seeds.
 
 #include <cstdint>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,12 @@ struct PngImage {
 
 // The file's bytes; throws std::runtime_error when libpng refuses the image.
 std::string pngBytes(const PngImage& image);
+
+// An image of the layout whose samples and palette come from `generator`;
+// with `transparent`, a tRNS chunk too (alphas for half the palette, or one
+// transparent grey or colour).
+PngImage noisePng(uint32_t width, uint32_t height, int colourType, int depth, bool interlaced, bool transparent,
+                  std::mt19937& generator);
 
 // Samples a pixel for a colour type: 1 grey, 2 grey and alpha, 3 colour and
 // palette (1 index), 4 colour and alpha.
