@@ -91,6 +91,10 @@ void surfaceSeeds() {
   query.maxSurfaceAngle = 30.0f;
   query.seed = 7;
   put("surface", "plate-tilted-normals.bin", fuzz::surfaceInput(query, plate, ""));
+  query.flags = fuzz::kNormalsFromWinding;
+  put("surface", "plate-zero-normals-wound.bin",
+      fuzz::surfaceInput(query, stlBytes(withZeroNormals(t::plateMesh(0.2f, 0.0f, 2), 2), true), ""));
+  query.flags = 0;
   put("surface", "plate-zero-normals.bin",
       fuzz::surfaceInput(query, stlBytes(withZeroNormals(t::plateMesh(0.2f, 0.0f, 2), 2), true), ""));
   fuzz::SurfaceQuery large;

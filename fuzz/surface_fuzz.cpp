@@ -20,6 +20,7 @@
 
 namespace {
 
+using sensorlay::SurfaceBuild;
 using sensorlay::TrackedSurface;
 
 void check(bool good) {
@@ -48,12 +49,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const size_t surfaceBytes = query.surfaceBytes < rest ? query.surfaceBytes : rest;
   surfaceFile.write(data + offset, surfaceBytes);
   std::vector<std::string> obstacles;
-  if (query.withObstacle & 1u) {
+  if (query.flags & fuzz::kWithObstacle) {
     obstacleFile.write(data + offset + surfaceBytes, rest - surfaceBytes);
     obstacles.push_back(obstacleFile.path());
   }
 
-  TrackedSurface surface(surfaceFile.path(), obstacles);
+  SurfaceBuild build;
+  build.zeroNormalsFromWinding = (query.flags & fuzz::kNormalsFromWinding) != 0;
+  TrackedSurface surface(surfaceFile.path(), obstacles, build);
   if (surface.faceCount() == 0) return 0;
   checkBuild(surface);
   surface.seedGenerator(query.seed);
