@@ -252,7 +252,12 @@ void readDeviceRecord(DeviceConfig& config, const Json::Value& root) {
 
   readPoses(config, root);
 
-  if (jsonHas(root, "beaconet_config")) parseModelSection(config.constellation, root);
+  if (jsonHas(root, "beaconet_config")) {
+    parseModelSection(config.constellation, root);
+    const Json::Value& section = jsonMember(root, "beaconet_config");
+    checkFloatTriples(jsonMember(section, "modelPoints"));
+    checkFloatTriples(jsonMember(section, "modelNormals"));
+  }
 
   readCameraSet(root, config.ispDrivers, config.cameras, config.jsonFormat);
 
@@ -303,6 +308,10 @@ bool parseDeviceConfig(DeviceConfig& config, std::string& errorText, const std::
       return false;
     }
     return true;
+  } catch (const FloatRangeError& e) {
+    resetDeviceConfig(config);
+    errorText = e.what();
+    return false;
   } catch (...) {
     // Type errors of the JSON value class, our own container checks and the
     // hex conversion of the EDID product id all end here alike.

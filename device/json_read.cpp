@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cfloat>
 #include <cmath>
+#include <cstdio>
 #include <limits>
 
 namespace sensorlay {
@@ -83,9 +84,20 @@ uint32_t readUInt(const Json::Value& object, const char* key, uint32_t fallback)
 }
 
 float narrowToFloat(double value) {
-  if (value > FLT_MAX) return std::numeric_limits<float>::infinity();
-  if (value < -FLT_MAX) return -std::numeric_limits<float>::infinity();
+  if (value > FLT_MAX || value < -FLT_MAX) {
+    char text[96];
+    std::snprintf(text, sizeof text, "the number %g is beyond the range of a 32-bit float", value);
+    throw FloatRangeError(text);
+  }
   return static_cast<float>(value);
+}
+
+void checkFloatTriples(const Json::Value& list) {
+  if (!list.isArray()) return;
+  for (const Json::Value& triple : list)
+    if (triple.isArray())
+      for (Json::ArrayIndex i = 0; i < 3 && i < triple.size(); ++i)
+        if (triple[i].isNumeric()) narrowToFloat(triple[i].asDouble());
 }
 
 float readFloat(const Json::Value& object, const char* key, float fallback) {

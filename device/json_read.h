@@ -48,9 +48,20 @@ std::string elementString(const Json::Value& array, unsigned index);
 // A triple of 64-bit floats from an array; missing elements read as 0.
 Eigen::Vector3d readTriple(const Json::Value& array);
 
-// A 64-bit float narrowed to 32 bits, with values beyond the float range
-// becoming infinities rather than undefined conversions.
+// A number that does not fit the 32-bit float it is stored in. It would
+// become an infinity, which a device file cannot hold: written out, it could
+// not be read back. The record read as a whole fails, with this message.
+struct FloatRangeError : DeviceJsonError {
+  using DeviceJsonError::DeviceJsonError;
+};
+
+// A 64-bit float narrowed to 32 bits; throws FloatRangeError for a value
+// beyond the float range.
 float narrowToFloat(double value);
+
+// Checks the numbers of a list of triples that a reader narrows to 32 bits
+// itself, such as the model section's points and normals.
+void checkFloatTriples(const Json::Value& list);
 
 // Case-insensitive comparison of ASCII text.
 bool equalsIgnoringCase(const std::string& a, const std::string& b);

@@ -88,5 +88,56 @@ TEST(FormatConvertEndToEnd, FailuresAndTheirStatus) {
   }
 }
 
+// What a conversion writes reads back to the same record: converted again, it
+// gives the same text. What could not be written so is refused instead.
+TEST(FormatConvertEndToEnd, NeverWritesWhatItCannotReadBack) {
+  TempDir dir;
+  const std::string path = dir.file("device.json");
+  writeFile(path, richDeviceJson());
+  for (const char* format : {"0", "1", "2"}) {
+    const auto once = runSensorlay({"/formatconvert", format, path});
+    ASSERT_EQ(once.status, 0) << once.err;
+    writeFile(dir.file("once.json"), once.out);
+    const auto twice = runSensorlay({"/formatconvert", format, dir.file("once.json")});
+    EXPECT_EQ(twice.status, 0) << twice.err;
+    EXPECT_EQ(twice.out, once.out) << format;
+  }
+
+  // A number beyond the float range would be written as an infinity
+  // (1e+9999), wherever it stands; a model section with an empty list would
+  // lose its sensors on the next reading.
+  const std::string range = "the number 1e+39 is beyond the range of a 32-bit float\n";
+  const std::string section =
+      R"("beaconet_config": { "channelMap": [0, 1], "modelPoints": [[0, 0, 0.02], [0, 0.01, 0.02]],
+                                   "modelNormals": [[0, 0, 1], [0, 0, 1]] })";
+  auto with = [&](const std::string& from, const std::string& to) {
+    std::string text = section;
+    return text.replace(text.find(from), from.size(), to);
+  };
+  const std::pair<std::string, std::string> cases[] = {
+      {R"({ "gyro_bias": [1e39, 0, 0] })", "couldn't read " + path + ": " + range},
+      {R"({ "imu": { "position": [0, 1e39, 0], "plus_x": [1, 0, 0], "plus_z": [0, 0, 1] } })",
+       "couldn't read " + path + ": " + range},
+      {"{ " + with("[0, 0.01, 0.02]", "[0, 1e39, 0.02]") + " }", "couldn't read " + path + ": " + range},
+      {"{ " + with("[0, 0, 1], [0, 0, 1]", "[0, 0, 1], [0, 0, 1e39]") + " }", "couldn't read " + path + ": " + range},
+      {"{ " + with("[0, 1]", "[]") + " }",
+       "couldn't convert " + path +
+           ": its beaconet_config lists 0 channels, 2 modelPoints and 2 modelNormals, and a section with an empty "
+           "list would be lost on the next reading\n"},
+  };
+  for (const auto& [text, err] : cases) {
+    writeFile(path, text);
+    const auto r = runSensorlay({"/formatconvert", "1", path});
+    EXPECT_EQ(r.status, 1) << text;
+    EXPECT_EQ(r.err, err);
+    EXPECT_EQ(r.out, "");
+  }
+  // The same reader serves a model given in a device file.
+  writeFile(path, "{ " + with("[0, 0, 1], [0, 0, 1]", "[0, 0, 1], [0, 0, 1e39]") + " }");
+  const auto r = runSensorlay({"/model", path});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "couldn't read " + path + ": " + range);
+}
+
 }  // namespace
 }  // namespace sensorlay
