@@ -38,7 +38,10 @@ std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurf
       std::cerr << map.message() << std::endl;
     } else {
       std::optional<double> normalization;
-      sampleOrientations(options.nOrientations, *map, normalization);
+      if (const auto samples = sampleOrientations(options.nOrientations, *map, normalization); !samples) {
+        std::cerr << samples.message() << std::endl;
+        return nullptr;
+      }
       if (!normalization) {
         std::cerr << "Quality map image '" << printablePath(options.qualityMapPath) << "' gives all "
                   << options.nOrientations << " sampled directions the weight 0 (black): every placement would score 0."
@@ -63,7 +66,10 @@ std::unique_ptr<SensorModel> runDesign(const DesignOptions& options, TrackedSurf
   }
 
   Constellation result;
-  runAnnealer(annealerOptions, result);
+  if (const Status searched = runAnnealer(annealerOptions, result); !searched) {
+    std::cerr << searched.message() << std::endl;
+    return nullptr;
+  }
   const double score = annealerOptions.finalQualityScore;
 
   const std::string json = writeStyledJson(constellationToJson(result));

@@ -37,7 +37,9 @@ class CoverageEvaluator {
   // map, and so does a map that cannot be read, whose complaint comes back.
   Status loadQualityMap(const std::string& path);
   // The score's samples, weighted by the quality map.
-  std::optional<double> sampleOrientations(int32_t count) { return score.sampleOrientations(count, qualityMap); }
+  Result<std::optional<double>> sampleOrientations(int32_t count) {
+    return score.sampleOrientations(count, qualityMap);
+  }
   void setQualityRange(double low, double high) { score.curve = QualityCurve::forRange(low, high); }
   // The placement score of the model as it stands.
   double scorePlacement() { return score.evaluate(*observations, position); }

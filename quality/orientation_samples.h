@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "common/result.h"
 #include "quality/quality_map.h"
 
 namespace sensorlay {
@@ -21,12 +22,24 @@ struct OrientationSample {
   double weight = 1.0;
 };
 
+// How a candidate's nearest earlier sample is found: among its neighbours in
+// a grid over the sphere, in time growing with the count, or by comparing it
+// with every earlier sample, in time growing with its square. Both give the
+// same samples, bit for bit; the second is kept to check the first.
+enum class NearestSearch { Grid, Exhaustive };
+
 // `count` samples from a fixed seed, the first straight along +Z, each later
 // one the best of 10 candidates (the farthest from all before it), weighted by
 // `map` and rescaled to a mean weight of 1. `normalization` gets the factor of
-// that rescaling, or nothing when the weights add up to nothing.
-std::vector<OrientationSample> sampleOrientations(int32_t count, const QualityMap& map,
-                                                  std::optional<double>& normalization);
+// that rescaling, or nothing when the weights add up to nothing. Fails, before
+// any work, when the samples cannot be held in this machine's memory.
+Result<std::vector<OrientationSample>> sampleOrientations(int32_t count, const QualityMap& map,
+                                                          std::optional<double>& normalization,
+                                                          NearestSearch search = NearestSearch::Grid);
+
+// The most samples a front end that checks its settings should ask for: a
+// design over more takes hours and its search needs gigabytes of tables.
+constexpr int32_t kMostOrientations = 1000000;
 
 // The rotation vector of a unit quaternion w, x, y, z, the angle taken the
 // short way round.

@@ -30,9 +30,12 @@ PlacementScore::PlacementScore()
 
 PlacementScore::~PlacementScore() = default;
 
-std::optional<double> PlacementScore::sampleOrientations(int32_t count, const QualityMap& map) {
+Result<std::optional<double>> PlacementScore::sampleOrientations(int32_t count, const QualityMap& map) {
   std::optional<double> normalization;
-  samples = sensorlay::sampleOrientations(count, map, normalization);
+  samples.clear();
+  Result<std::vector<OrientationSample>> made = sensorlay::sampleOrientations(count, map, normalization);
+  if (!made) return made.status();
+  samples = std::move(*made);
   scoreScale = 500.0 / static_cast<double>(samples.size());
   return normalization;
 }

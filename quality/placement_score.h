@@ -68,8 +68,9 @@ class PlacementScore {
 
   // Lays `count` orientation samples weighted by `map`, and the scale that
   // makes their average 0 .. 1000. Yields the normalisation factor of the
-  // weights, or nothing when they add up to nothing.
-  std::optional<double> sampleOrientations(int32_t count, const QualityMap& map);
+  // weights, or nothing when they add up to nothing. A count that cannot be
+  // held fails and leaves no samples.
+  Result<std::optional<double>> sampleOrientations(int32_t count, const QualityMap& map);
 
   // The score of the sensors of `set` with the device at `position` in the
   // station's frame, turned by each sample in turn. Leaves visibleNow as the

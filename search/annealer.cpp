@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <new>
 #include <ostream>
+#include <string>
 
 #include "common/random_draws.h"
 #include "common/rotation.h"
@@ -47,8 +49,11 @@ Annealer::Annealer(SensorModel& model_, const AnnealerOptions& options)
   evaluator.rebuildObservations();
   // The sample weights are read from the map, so it comes first.
   evaluator.qualityMap = options.qualityMap;
-  const std::optional<double> normalization = evaluator.sampleOrientations(nOrientations);
-  if (normalization && progress != nullptr) *progress << "quality map normalization: " << *normalization << std::endl;
+  const Result<std::optional<double>> normalization = evaluator.sampleOrientations(nOrientations);
+  if (!normalization)
+    setup = normalization.status();
+  else if (*normalization && progress != nullptr)
+    *progress << "quality map normalization: " << **normalization << std::endl;
   if (options.qualityRangeLow > 0.0 && options.qualityRangeHigh > 0.0)
     evaluator.setQualityRange(options.qualityRangeLow, options.qualityRangeHigh);
   evaluator.score.unseenCost = options.unseenCost;
@@ -197,12 +202,20 @@ Status runAnnealer(AnnealerOptions& options, Constellation& result) {
   if (Status placed = placeInitialSensors(options, *model); !placed) return placed;
 
   Annealer annealer(*model, options);
+  if (!annealer.setup) return annealer.setup;
   annealer.useReferenceScore = options.useReferenceScore;
   annealer.trialObserver = options.trialObserver;
   if (options.progress != nullptr)
     *options.progress << "anneal duration: " << annealDuration(annealer.trialsPerTemperature, options.coolingRate)
                       << "\n";
-  annealer.anneal(result);
+  try {
+    annealer.anneal(result);
+  } catch (const std::bad_alloc&) {
+    // The scorer's tables grow with sensors times orientations and are made
+    // before the first trial; a count the machine cannot hold ends here.
+    return Status::failure("Not enough memory to search " + std::to_string(options.nSensors) + " sensors over " +
+                           std::to_string(options.nOrientations) + " orientations");
+  }
   options.finalQualityScore = annealer.bestScore;
   return Status();
 }

@@ -78,7 +78,8 @@ class Annealer {
  public:
   // Takes the schedule, the map, the curve, the seed, the pool and the sinks
   // from `options`; the fixed sensors and the initial placement are already
-  // in `model`.
+  // in `model`. A failure leaves its reason in `setup`, and the search must
+  // not run.
   Annealer(SensorModel& model, const AnnealerOptions& options);
   ~Annealer();
   Annealer(const Annealer&) = delete;
@@ -95,6 +96,7 @@ class Annealer {
   // drawn again, and after kSpacingDraws such draws the sensor stays.
   void moveSensor(Eigen::Vector3f& point, Eigen::Vector3f& normal, double T);
 
+  Status setup;  // why the search cannot run, when it cannot
   SensorModel* model;
   TrackedSurface* surface;
   WorkerPool* pool;
@@ -156,8 +158,8 @@ double annealDuration(int32_t trialsPerTemperature, double coolingRate);
 
 // Searches the placement: fills `result` with the best placement seen (all
 // sensors numbered from 0, fixed ones first) and sets `finalQualityScore`.
-// Fails, before any trial, only when the first placement cannot keep
-// `minSpacing`.
+// Fails, before any trial, when the first placement cannot keep `minSpacing`
+// or the orientation samples or the scorer's tables cannot be held in memory.
 Status runAnnealer(AnnealerOptions& options, Constellation& result);
 
 // Placement moves (placement_moves.cpp).
