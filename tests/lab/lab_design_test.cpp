@@ -53,8 +53,6 @@ struct DesignFixture {
       while (dirent* e = readdir(d)) names.insert(e->d_name);
       closedir(d);
     }
-    names.erase(".");
-    names.erase("..");
     return names;
   }
 };
@@ -157,21 +155,33 @@ TEST(LabDesign, SpacingIsKeptOrTheRunSaysItCannotBe) {
 
 TEST(LabDesign, OutputsAndInputsAreCheckedBeforeTheSearch) {
   DesignFixture f;
+  testing::writeStlBinary(f.dir.file("empty.stl"), {});
+  testing::writeFile(f.dir.file("garbage.json"), "[ 1, 2");
+  testing::writeFile(f.dir.file("two.json"),
+                     "{ \"channelMap\" : [ 0, 1 ], \"modelPoints\" : [ [ 0.04, 0, 0 ], "
+                     "[ 0.04, 0.01, 0 ] ], \"modelNormals\" : [ [ 1, 0, 0 ], [ 1, 0, 0 ] ] }");
   const std::vector<std::pair<std::vector<std::string>, std::string>> failures = {
-      {{"--count", "4", "--out", "gone/x"}, "cannot write gone/x.json: its folder gone does not exist"},
-      {{"--count", "4", "--out", "y", "--fixed", "missing.json"}, "cannot read missing.json"},
-      {{"--count", "4", "--out", "y", "--sensor-size", "150"}, "a sensor of 150 mm is larger than the surface"},
-      {{"--count", "4", "--out", "y", "--obstacles", "nothing.stl"}, "cannot read nothing.stl"},
+      {{"box.stl", "--count", "4", "--out", "gone/x"}, "cannot write gone/x.json: its folder gone does not exist"},
+      {{"box.stl", "--count", "4", "--out", "y", "--fixed", "missing.json"}, "cannot read missing.json"},
+      {{"box.stl", "--count", "4", "--out", "y", "--fixed", "garbage.json"}, "couldn't parse standalone"},
+      {{"box.stl", "--count", "2", "--out", "y", "--fixed", "two.json"},
+       "the fixed model two.json has 2 sensors, and --count 2 leaves none to place"},
+      {{"box.stl", "--count", "4", "--out", "y", "--sensor-size", "150"},
+       "a sensor of 150 mm is larger than the surface"},
+      {{"box.stl", "--count", "4", "--out", "y", "--obstacles", "nothing.stl"}, "cannot read nothing.stl"},
+      {{"empty.stl", "--count", "4", "--out", "y"}, "empty.stl: the surface holds no triangles"},
   };
   for (const auto& [args, message] : failures) {
-    std::vector<std::string> all = {"design", "--sensors", "box.stl", "--seed", "1"};
+    std::vector<std::string> all = {"design", "--seed", "1", "--sensors"};
     all.insert(all.end(), args.begin(), args.end());
     const RunResult r = f.lab(all);
     EXPECT_EQ(r.status, 1) << message;
     EXPECT_EQ(r.err.rfind("sensorlay-lab design: " + message, 0), 0u) << r.err;
   }
   // Nothing but the run records of the runs that got past the check.
-  EXPECT_EQ(f.files(), (std::set<std::string>{"box.stl", "y.run.json"}));
+  EXPECT_EQ(f.files(),
+            (std::set<std::string>{".", "..", "box.stl", "empty.stl", "garbage.json", "two.json", "y.run.json"}));
+  EXPECT_EQ(f.json("y.run.json")["status"].asString(), "failed");
 }
 
 TEST(LabDesign, AStoppedDesignLeavesAModelThatScoreReads) {
@@ -191,8 +201,8 @@ TEST(LabDesign, AStoppedDesignLeavesAModelThatScoreReads) {
     EXPECT_LT(record["trials"]["done"].asInt(), record["trials"]["planned"].asInt());
     EXPECT_EQ(scoreText(f, "long.json", {"--orientations", "200"}), model["score"].toStyledString());
     // Every file whole, and no temporary left beside them.
-    EXPECT_EQ(f.files(),
-              (std::set<std::string>{"box.stl", "long.json", "long.scad", "long.coverage.json", "long.run.json"}));
+    EXPECT_EQ(f.files(), (std::set<std::string>{".", "..", "box.stl", "long.json", "long.scad", "long.coverage.json",
+                                                "long.run.json"}));
   }
 }
 
