@@ -67,6 +67,9 @@ bool prepareRun(const DesignOptions& options, const Constellation* constellation
 }
 
 std::vector<std::string> writeOutputFiles(const std::vector<OutputText>& outputs) {
+  auto cutShort = [](const OutputText& output) {
+    return "Could not write the whole " + output.what + " to " + printablePath(output.path) + ".";
+  };
   std::vector<std::string> complaints;
   std::vector<std::pair<OutputFile, const OutputText*>> finished;
   for (const OutputText& output : outputs) {
@@ -76,7 +79,7 @@ std::vector<std::string> writeOutputFiles(const std::vector<OutputText>& outputs
     if (file->finish())
       finished.emplace_back(std::move(*file), &output);
     else
-      complaints.push_back("Could not write the whole " + output.what + " to " + printablePath(output.path) + ".");
+      complaints.push_back(cutShort(output));
   }
   if (!complaints.empty()) {
     // The temporaries of the finished files go with them.
@@ -86,8 +89,7 @@ std::vector<std::string> writeOutputFiles(const std::vector<OutputText>& outputs
     return complaints;
   }
   for (auto& [file, output] : finished)
-    if (!file.publish())
-      complaints.push_back("Could not write the whole " + output->what + " to " + printablePath(output->path) + ".");
+    if (!file.publish()) complaints.push_back(cutShort(*output));
   return complaints;
 }
 

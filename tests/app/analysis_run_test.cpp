@@ -18,6 +18,7 @@
 namespace sensorlay {
 namespace {
 
+using testing::countOf;
 using testing::readFile;
 using testing::runSensorlay;
 using testing::TempDir;
@@ -62,12 +63,6 @@ long visibleTotal(const std::string& out) {
   long total = 0;
   for (const auto& row : rowsOf(out)) total += std::stol(row.at(4));
   return total;
-}
-
-size_t countOf(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
 }
 
 TEST(AnalysisRunEndToEnd, TableAndTheOptionsThatChangeIt) {

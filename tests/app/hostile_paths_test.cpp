@@ -18,12 +18,6 @@ namespace {
 using namespace sensorlay::testing;
 using Args = std::vector<std::string>;
 
-size_t countOf(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
-  return count;
-}
-
 // Each path closes the string or the comment it stands in and adds a cube of
 // its own; OpenSCAD must see the paths as they are and draw no cube.
 TEST(HostilePaths, StayInsideTheStringsAndCommentsOfTheScript) {

@@ -79,6 +79,8 @@ std::string capturedStdout(F&& run) {
 }
 
 std::string readFile(const std::string& path);
+// How often `part` occurs in `text`, overlaps included.
+size_t countOf(const std::string& text, const std::string& part);
 void writeFile(const std::string& path, const std::string& content);
 bool fileExists(const std::string& path);
 
