@@ -42,21 +42,31 @@ DeviceHolder& holder() {
 
 RTCDevice rayDevice() { return holder().device; }
 
-RayScene::RayScene(const StlVertices& vertices, const StlFaces& faces) {
+RayScene::RayScene(const std::vector<RayMesh>& meshes) {
   RTCDevice device = rayDevice();
   if (!device) return;
-  const Eigen::Index nv = vertices.rows();
-  const Eigen::Index nf = faces.rows();
-  if (vertices.cols() != 3 || faces.cols() != 3 || nv > INT32_MAX || nf > INT32_MAX / 2) {
+  int64_t nv = 0, nf = 0;
+  for (const RayMesh& mesh : meshes) {
+    const StlVertices& vertices = *mesh.vertices;
+    const StlFaces& faces = *mesh.faces;
+    if (vertices.cols() != 3 || faces.cols() != 3) {
+      std::cerr << "Ray scene: the mesh is not a list of triangles" << std::endl;
+      return;
+    }
+    for (Eigen::Index f = 0; f < faces.rows(); ++f)
+      for (int k = 0; k < 3; ++k)
+        if (faces(f, k) < 0 || faces(f, k) >= vertices.rows()) {
+          std::cerr << "Ray scene: face " << nf + f << " refers to vertex " << faces(f, k) << " of " << vertices.rows()
+                    << " in its mesh" << std::endl;
+          return;
+        }
+    nv += vertices.rows();
+    nf += faces.rows();
+  }
+  if (nv > INT32_MAX || nf > INT32_MAX / 2) {
     std::cerr << "Ray scene: the mesh is not a list of triangles of a usable size" << std::endl;
     return;
   }
-  for (Eigen::Index f = 0; f < nf; ++f)
-    for (int k = 0; k < 3; ++k)
-      if (faces(f, k) < 0 || faces(f, k) >= nv) {
-        std::cerr << "Ray scene: face " << f << " refers to vertex " << faces(f, k) << " of " << nv << std::endl;
-        return;
-      }
 
   RTCScene scene = rtcNewScene(device);
   if (!scene) return;
@@ -76,13 +86,22 @@ RayScene::RayScene(const StlVertices& vertices, const StlFaces& faces) {
     auto* idx = static_cast<uint32_t*>(
         rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, 3 * sizeof(uint32_t), triangles));
     if (v && idx) {
-      for (Eigen::Index i = 0; i < nv; ++i)
-        for (int c = 0; c < 3; ++c) v[3 * i + c] = vertices(i, c);
-      for (Eigen::Index f = 0; f < nf; ++f)
-        for (int k = 0; k < 3; ++k) idx[3 * f + k] = static_cast<uint32_t>(faces(f, k));
-      if (twice)
-        for (Eigen::Index f = 0; f < nf; ++f)
-          for (int k = 0; k < 3; ++k) idx[3 * (nf + f) + k] = static_cast<uint32_t>(faces(f, 2 - k));
+      // The second copy of each face, reversed, follows all the faces.
+      int64_t vertexBase = 0, faceBase = 0;
+      for (const RayMesh& mesh : meshes) {
+        const StlVertices& vertices = *mesh.vertices;
+        const StlFaces& faces = *mesh.faces;
+        for (Eigen::Index i = 0; i < vertices.rows(); ++i)
+          for (int c = 0; c < 3; ++c) v[3 * (vertexBase + i) + c] = vertices(i, c);
+        for (Eigen::Index f = 0; f < faces.rows(); ++f)
+          for (int k = 0; k < 3; ++k) {
+            const uint32_t index = static_cast<uint32_t>(vertexBase + faces(f, k));
+            idx[3 * (faceBase + f) + k] = index;
+            if (twice) idx[3 * (nf + faceBase + f) + 2 - k] = index;
+          }
+        vertexBase += vertices.rows();
+        faceBase += faces.rows();
+      }
       rtcCommitGeometry(geometry);
       rtcAttachGeometry(scene, geometry);
     }

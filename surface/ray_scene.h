@@ -4,6 +4,8 @@
 
 #include <embree3/rtcore.h>
 
+#include <vector>
+
 #include "surface/stl_reader.h"
 
 namespace sensorlay {
@@ -12,12 +14,20 @@ namespace sensorlay {
 // own bound of about 1.844e18; this one keeps a margin below it.
 constexpr float kMaxRayCoordinate = 1e18f;
 
+// One mesh of a scene: `faces` index its own `vertices` (both with 3 columns).
+struct RayMesh {
+  const StlVertices* vertices;
+  const StlFaces* faces;
+};
+
 class RayScene {
  public:
-  // Builds the scene of all `faces` over `vertices` (both with 3 columns).
+  // Builds one scene of all the meshes' triangles, as if their vertex lists
+  // stood one below the other in the given order and so did their face lists,
+  // each shifted past the vertices before it; nothing is copied on the way.
   // After an error of the ray-casting library, which is reported on the
   // standard error stream, the scene is empty and no ray hits.
-  RayScene(const StlVertices& vertices, const StlFaces& faces);
+  explicit RayScene(const std::vector<RayMesh>& meshes);
   ~RayScene();
   RayScene(const RayScene&) = delete;
   RayScene& operator=(const RayScene&) = delete;

@@ -11,37 +11,6 @@
 
 namespace sensorlay {
 
-namespace {
-
-// `top` above `bottom`, with the columns of `top`; an empty `bottom` adds
-// nothing.
-template <typename Matrix>
-void stackRows(const Matrix& top, const Matrix& bottom, Matrix& out) {
-  out.resize(top.rows() + bottom.rows(), top.cols());
-  out.topRows(top.rows()) = top;
-  if (bottom.rows() > 0) out.bottomRows(bottom.rows()) = bottom;
-}
-
-// Reads the STLs of [first, last) into one mesh, later files below earlier
-// ones, with the face indices of each file shifted past the vertices before
-// it. Nothing is measured or normalised here. After a failed read the outputs
-// are untouched.
-Status readMergedMeshes(std::vector<std::string>::const_iterator first, std::vector<std::string>::const_iterator last,
-                        StlVertices& V, StlFaces& F, StlVertices& N) {
-  if (first == last) return Status();
-  StlVertices firstV, firstN, restV, restN;
-  StlFaces firstF, restF;
-  if (Status read = readStl(*first, firstV, firstF, firstN); !read) return read;
-  if (Status rest = readMergedMeshes(first + 1, last, restV, restF, restN); !rest) return rest;
-  restF.array() += static_cast<int32_t>(firstV.rows());
-  stackRows(firstV, restV, V);
-  stackRows(firstF, restF, F);
-  stackRows(firstN, restN, N);
-  return Status();
-}
-
-}  // namespace
-
 TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vector<std::string>& obstaclePaths_,
                                const SurfaceBuild& build)
     : sensorsPath(sensorsPath_), obstaclePaths(obstaclePaths_) {
@@ -81,15 +50,6 @@ TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vecto
     faceNormals(f, 2) = z / length;
   }
 
-  // The scale has to be known before obstacles can join the scene, so the
-  // surface gets a scene of its own first.
-  scene = std::make_unique<RayScene>(vertices, faces);
-  // Without rays every test would pass silently; the library has said why.
-  if (!scene->valid()) {
-    faces.resize(0, 3);
-    return;
-  }
-
   totalArea = 0.0;
   normalsAllZero = true;
   cumulativeAreas.reserve(static_cast<size_t>(faces.rows()));
@@ -106,28 +66,29 @@ TrackedSurface::TrackedSurface(const std::string& sensorsPath_, const std::vecto
   areaLow = 0.0;
   areaHigh = totalArea;
 
-  if (!obstaclePaths.empty()) {
-    StlVertices obstacleV, obstacleN;
-    StlFaces obstacleF;
-    if (Status read = readMergedMeshes(obstaclePaths.begin(), obstaclePaths.end(), obstacleV, obstacleF, obstacleN);
-        !read) {
+  // The obstacles are read one file after another, each kept as it stands:
+  // the scene takes them in the order given, behind the surface, and copies
+  // each once. Obstacles are never measured: they share the surface's unit
+  // unless the build names theirs.
+  const float obstacleScale = build.obstacleScale ? static_cast<float>(*build.obstacleScale) : scaleF;
+  std::vector<StlVertices> obstacleVertices(obstaclePaths.size());
+  std::vector<StlFaces> obstacleFaces(obstaclePaths.size());
+  std::vector<RayMesh> meshes = {{&vertices, &faces}};
+  for (size_t i = 0; i < obstaclePaths.size(); ++i) {
+    StlVertices normals;
+    if (Status read = readStl(obstaclePaths[i], obstacleVertices[i], obstacleFaces[i], normals); !read) {
       loadProblem = read.message();
       faces.resize(0, 3);
       return;
     }
-    obstacleF.array() += static_cast<int32_t>(vertices.rows());
-    // Obstacles are never measured: they share the surface's unit unless
-    // the build names theirs.
-    obstacleV *= build.obstacleScale ? static_cast<float>(*build.obstacleScale) : scaleF;
-    StlVertices allV;
-    StlFaces allF;
-    stackRows(vertices, obstacleV, allV);
-    stackRows(faces, obstacleF, allF);
-    scene = std::make_unique<RayScene>(allV, allF);
-    if (!scene->valid()) {
-      faces.resize(0, 3);
-      return;
-    }
+    obstacleVertices[i] *= obstacleScale;
+    meshes.push_back({&obstacleVertices[i], &obstacleFaces[i]});
+  }
+  scene = std::make_unique<RayScene>(meshes);
+  // Without rays every test would pass silently; the library has said why.
+  if (!scene->valid()) {
+    faces.resize(0, 3);
+    return;
   }
 
   generator.seed(clockSeed());

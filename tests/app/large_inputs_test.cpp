@@ -1,11 +1,13 @@
-// Counts far beyond the usual ones, end to end: orientations that no memory
-// can hold end with a message instead of a crash or a silent hang.
+// Counts far beyond the usual ones, end to end: tens of thousands of obstacle
+// files, and orientations that no memory can hold, which end with a message
+// instead of a crash or a silent hang.
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
+#include "tests/support/frontend_fixtures.h"
 #include "tests/support/meshes.h"
 #include "tests/support/run_binary.h"
 
@@ -16,6 +18,36 @@ using namespace sensorlay::testing;
 
 bool endsWith(const std::string& text, const std::string& end) {
   return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+// Each obstacle is one file of one triangle; the script imports them in the
+// order given, and a file that cannot be read fails the build with every
+// path named.
+TEST(LargeInputs, ThirtyThousandObstacles) {
+  TempDir dir;
+  writeStlBinary(dir.file("s.stl"), plateMesh(0.1f));
+  writeModelFile(dir.file("m.json"), threeSensorConstellation());
+  writeStlBinary(dir.file("o0"), {makeTriangle({0, 0, 0.01f}, {0.01f, 0, 0.01f}, {0, 0.01f, 0.01f})});
+  const std::string triangle = readFile(dir.file("o0"));
+  std::vector<std::string> args = {"/model", "m.json", "/outscad", "m.scad", "/sensors", "s.stl"};
+  std::string named = "Could not build tracked surface from \"s.stl\"";
+  for (int i = 0; i < 30000; ++i) {
+    const std::string name = "o" + std::to_string(i);
+    if (i > 0) writeFile(dir.file(name), triangle);
+    args.insert(args.end(), {"/obstacles", name});
+    named += " and \"" + name + "\"";
+  }
+  const RunResult run = runSensorlay(args, dir.path());
+  ASSERT_EQ(run.status, 0) << run.err.substr(0, 2000);
+  const std::string script = readFile(dir.file("m.scad"));
+  const size_t first = script.find("import(\"o0\","), last = script.find("import(\"o29999\",");
+  EXPECT_TRUE(first != std::string::npos && last != std::string::npos && first < last);
+
+  args.insert(args.end(), {"/obstacles", "missing"});
+  const RunResult failed = runSensorlay(args, dir.path());
+  EXPECT_EQ(failed.status, 1);
+  EXPECT_EQ(failed.err,
+            "IOError: \"missing\": cannot be opened: No such file or directory\n" + named + " and \"missing\"\n");
 }
 
 TEST(LargeInputs, OrientationsBeyondMemoryEndWithAMessage) {
