@@ -6,9 +6,11 @@ namespace sensorlay::lab {
 
 namespace {
 
-// Beyond this the best-candidate sampling of the orientations, which grows
-// with the square of their number, takes minutes before the search starts.
-constexpr int64_t kMostOrientations = 50000;
+// Beyond this a design of the default length takes more than a few minutes,
+// each trial rescoring a share of every orientation, and the search's tables,
+// which grow with sensors times orientations, pass a gigabyte (0.9 GB for 32
+// sensors at this count).
+constexpr int64_t kMostOrientations = 100000;
 
 // A number within [low, high], or the message that says what it must be.
 std::string takeNumber(const std::string& name, const char* value, double low, double high, bool lowIncluded,
@@ -84,7 +86,7 @@ std::vector<OptionDef> meshOptionDefs() {
 
 std::vector<OptionDef> scoreSettingDefs() {
   return {
-      {"orientations", "N", "orientations the score averages over, 2 to 50000 (default 1250)"},
+      {"orientations", "N", "orientations the score averages over, 2 to 100000 (default 1250)"},
       {"max-incidence", "DEG",
        "largest angle between a sensor's normal and the line to the base station\n"
        "at which it still sees it, degrees (default 60)"},

@@ -37,10 +37,6 @@ Result<std::vector<OrientationSample>> sampleOrientations(int32_t count, const Q
                                                           std::optional<double>& normalization,
                                                           NearestSearch search = NearestSearch::Grid);
 
-// The most samples a front end that checks its settings should ask for: a
-// design over more takes hours and its search needs gigabytes of tables.
-constexpr int32_t kMostOrientations = 1000000;
-
 // The rotation vector of a unit quaternion w, x, y, z, the angle taken the
 // short way round.
 void quaternionToRotationVector(const double q[4], double v[3]);

@@ -69,7 +69,7 @@ TEST(LabCommandLine, HelpVersionAndUsageErrors) {
       {{"design", "--sensors", "box.stl", "--count", "33", "--out", "x"},
        "design: --count must be a whole number from 1 to 32, not '33'"},
       {with(design, {"--iterations", "0"}), "design: --iterations must be a whole number from 1 to 1000, not '0'"},
-      {with(design, {"--orientations", "1"}), "design: --orientations must be a whole number from 2 to 50000"},
+      {with(design, {"--orientations", "1"}), "design: --orientations must be a whole number from 2 to 100000"},
       {with(design, {"--cooling-rate", "1"}), "design: --cooling-rate must be above 0 and below 1, not '1'"},
       {with(design, {"--unseen-cost", "sometimes"}), "design: --unseen-cost must be weighted or flat"},
       {with(design, {"--seed"}), "design: --seed needs a value"},
