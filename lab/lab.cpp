@@ -24,6 +24,7 @@ const char* kProgramHelp =
     "  check    what the program makes of the meshes: size, unit, faults, room for a sensor\n"
     "  score    the design score and coverage of an existing model\n"
     "  design   search a sensor placement, written as model, script, coverage and run record\n"
+    "  view     one HTML page of a design: device, sensors and coverage sphere, for any browser\n"
     "\n"
     "Exit status: 0 success, 1 a failed run, 2 a wrong command line, 130 or 143 when a design\n"
     "was stopped by SIGINT or SIGTERM after writing what it had.\n"
@@ -31,7 +32,8 @@ const char* kProgramHelp =
     "Example:\n"
     "  sensorlay-lab check --sensors puck.stl\n"
     "  sensorlay-lab design --sensors puck.stl --count 12 --seed 42 --out puck-12\n"
-    "  sensorlay-lab score puck-12.json --sensors puck.stl\n";
+    "  sensorlay-lab score puck-12.json --sensors puck.stl\n"
+    "  sensorlay-lab view puck-12.json --sensors puck.stl --out puck-12.html\n";
 
 std::string percent(double share) {
   char text[32];
@@ -90,6 +92,7 @@ int runLab(int argc, char** argv) {
   if (std::strcmp(command, "check") == 0) return runCheck(argc - 1, argv + 1);
   if (std::strcmp(command, "score") == 0) return runScore(argc - 1, argv + 1);
   if (std::strcmp(command, "design") == 0) return runDesign(argc - 1, argv + 1);
+  if (std::strcmp(command, "view") == 0) return runView(argc - 1, argv + 1);
   std::fprintf(stderr, "sensorlay-lab: unknown subcommand '%s'\ntry 'sensorlay-lab --help'\n", command);
   return kExitUsage;
 }

@@ -13,6 +13,7 @@ int runLab(int argc, char** argv);
 int runCheck(int argc, char** argv);
 int runScore(int argc, char** argv);
 int runDesign(int argc, char** argv);
+int runView(int argc, char** argv);
 
 // "1.0.0.0", the version of the build.
 const char* labVersion();

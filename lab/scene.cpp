@@ -77,11 +77,11 @@ Result<Scene> buildScene(const MeshInputs& inputs) {
   return scene;
 }
 
-Result<std::unique_ptr<SensorModel>> loadModel(const std::string& path) {
+Result<std::unique_ptr<SensorModel>> loadModel(const std::string& path, bool emptyAllowed) {
   Result<std::unique_ptr<SensorModel>> loaded = loadSensorModel(path);
   if (!loaded) return loaded.status();
   const SensorModel& model = **loaded;
-  if (model.sensorCount() == 0)
+  if (model.sensorCount() == 0 && !emptyAllowed)
     return Status::failure(path + ": the model holds no sensors (channelMap, modelPoints and modelNormals)");
   if (const std::string problem = reportModelProblem(model); !problem.empty())
     return Status::failure(path + ": " + problem);
@@ -147,15 +147,20 @@ Result<double> designScore(const Scene& scene, SensorModel& model, const DesignS
   return evaluator.scorePlacement();
 }
 
-Result<CoverageSummary> coverageOf(const Scene& scene, SensorModel& model, const DesignSettings& settings,
-                                   WorkerPool& pool) {
+void setUpTableEvaluator(CoverageEvaluator& evaluator, const Scene& scene, SensorModel& model,
+                         const DesignSettings& settings) {
   model.cosMaxIncidence = std::cos(degreesToRadians(settings.maxIncidenceDegrees));
-  CoverageEvaluator evaluator;
   evaluator.model = &model;
   evaluator.rebuildObservations();
   evaluator.surface = scene.surface.get();
   evaluator.rebuildObservations();
   evaluator.position = Eigen::Vector3d(0.0, 0.0, -kStationDistance);
+}
+
+Result<CoverageSummary> coverageOf(const Scene& scene, SensorModel& model, const DesignSettings& settings,
+                                   WorkerPool& pool) {
+  CoverageEvaluator evaluator;
+  setUpTableEvaluator(evaluator, scene, model, settings);
   return summarizeModelCoverage(evaluator, settings.coverageStepDegrees, pool);
 }
 

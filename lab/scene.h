@@ -17,8 +17,9 @@
 #include "surface/tracked_surface.h"
 
 namespace sensorlay {
+class CoverageEvaluator;
 class WorkerPool;
-}
+}  // namespace sensorlay
 
 namespace sensorlay::lab {
 
@@ -33,8 +34,9 @@ struct Scene {
 // surface.
 Result<Scene> buildScene(const MeshInputs& inputs);
 
-// The sensors of a model file, held to what the score and the tables take.
-Result<std::unique_ptr<SensorModel>> loadModel(const std::string& path);
+// The sensors of a model file, held to what the score and the tables take. A
+// model without sensors fails unless `emptyAllowed`.
+Result<std::unique_ptr<SensorModel>> loadModel(const std::string& path, bool emptyAllowed = false);
 
 // One line when sensors of the model lie off the surface: how many, and how
 // far the farthest is from it.
@@ -54,8 +56,12 @@ Result<QualityMap> loadWeights(const DesignSettings& settings);
 Result<double> designScore(const Scene& scene, SensorModel& model, const DesignSettings& settings,
                            const QualityMap& map);
 
-// The coverage summary of the model, with the analysis table's incidence
-// limit, at 2 m.
+// Sets the evaluator up as the analysis table has it for the model: the
+// table's incidence limit, the device 2 m from the station.
+void setUpTableEvaluator(CoverageEvaluator& evaluator, const Scene& scene, SensorModel& model,
+                         const DesignSettings& settings);
+
+// The coverage summary of the model on the table's evaluator.
 Result<CoverageSummary> coverageOf(const Scene& scene, SensorModel& model, const DesignSettings& settings,
                                    WorkerPool& pool);
 

@@ -48,7 +48,7 @@ TEST(LabCommandLine, HelpVersionAndUsageErrors) {
   LabFixture f;
   const RunResult help = f.lab({"--help"});
   EXPECT_EQ(help.status, 0);
-  for (const char* sub : {"check", "score", "design"}) {
+  for (const char* sub : {"check", "score", "design", "view"}) {
     EXPECT_NE(help.out.find(std::string("  ") + sub + " "), std::string::npos) << sub;
     const RunResult subHelp = f.lab({sub, "--help"});
     EXPECT_EQ(subHelp.status, 0) << sub;
