@@ -94,7 +94,9 @@ void meshFindings(const MeshFacts& f, bool isSurface, std::vector<Finding>& out)
                                 ": all normals are zero, so sensorlay finds nowhere to put a sensor; export "
                                 "the file with normals, or let sensorlay-lab score and design take each from its "
                                 "triangle's winding" +
-                                (f.closed() && f.signedVolume > 0.0 ? " (wound outwards here, as it should be)" : "")});
+                                (!f.closed()            ? ""
+                                 : f.signedVolume > 0.0 ? " (wound outwards here, as it should be)"
+                                                        : " (but wound inwards here: fix the winding first)")});
   else if (isSurface && f.zeroNormals > 0)
     out.push_back({"warning", name + ": " + std::to_string(f.zeroNormals) +
                                   " triangles have a zero normal; sensorlay never puts a sensor there, and "
@@ -111,7 +113,8 @@ void meshFindings(const MeshFacts& f, bool isSurface, std::vector<Finding>& out)
                                std::to_string(f.nonManifoldEdges) +
                                " edges shared by more than two triangles; an open shell is fine for a design, "
                                "but whether it is inside out cannot be told"});
-  if (isSurface && f.closed()) {
+  // Which way the normals point can be told only where some are given.
+  if (isSurface && f.closed() && f.normalsWithWinding + f.normalsAgainstWinding > 0) {
     const bool woundIn = f.signedVolume < 0.0;
     const bool normalsFollow = f.normalsWithWinding >= f.normalsAgainstWinding;
     if (woundIn == normalsFollow)

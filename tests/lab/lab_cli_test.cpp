@@ -9,6 +9,7 @@
 
 #include "common/json_io.h"
 #include "lab/sha256.h"
+#include "tests/lab/lab_fixtures.h"
 #include "tests/support/frontend_fixtures.h"
 #include "tests/support/meshes.h"
 #include "tests/support/run_binary.h"
@@ -19,15 +20,7 @@ namespace {
 using testing::Mesh;
 using testing::RunResult;
 
-Json::Value parsed(const std::string& text) {
-  Json::Value root;
-  std::string errors;
-  EXPECT_TRUE(parseJsonText(text, root, errors)) << errors << text;
-  return root;
-}
-
-// A box of 80 x 60 x 40 mm in millimetres.
-Mesh boxMm() { return testing::boxMesh({-40, -30, -20}, {40, 30, 20}, 4); }
+using testing::parsedJson;
 
 // The same triangles wound and facing the other way: an inside-out shell.
 Mesh insideOut(Mesh mesh) {
@@ -40,7 +33,7 @@ Mesh insideOut(Mesh mesh) {
 
 struct LabFixture {
   testing::TempDir dir;
-  LabFixture() { testing::writeStlBinary(dir.file("box.stl"), boxMm()); }
+  LabFixture() { testing::writeStlBinary(dir.file("box.stl"), testing::labBox()); }
   RunResult lab(const std::vector<std::string>& args) const { return testing::runLab(args, dir.path()); }
 };
 
@@ -103,7 +96,7 @@ TEST(LabCheck, EachFindingSaysWhatToDo) {
     int status;
     std::string finding;  // "" for none
   };
-  Mesh someZero = boxMm(), allZero = boxMm();
+  Mesh someZero = testing::labBox(), allZero = testing::labBox();
   for (size_t i = 0; i < allZero.size(); ++i) {
     allZero[i].normal = Eigen::Vector3f::Zero();
     if (i % 10 == 0) someZero[i].normal = Eigen::Vector3f::Zero();
@@ -134,7 +127,11 @@ TEST(LabCheck, EachFindingSaysWhatToDo) {
        0,
        "warning: some-zero.stl: 20 triangles have a zero normal; sensorlay never puts a sensor there"},
       {"all-zero.stl", allZero, {}, 1, "fatal: all-zero.stl: all normals are zero"},
-      {"inside-out.stl", insideOut(boxMm()), {}, 1, "fatal: inside-out.stl: the closed shell's normals point into"},
+      {"inside-out.stl",
+       insideOut(testing::labBox()),
+       {},
+       1,
+       "fatal: inside-out.stl: the closed shell's normals point into"},
       {"box.stl",
        {},
        {"--sensor-size", "120"},
@@ -157,7 +154,7 @@ TEST(LabCheck, EachFindingSaysWhatToDo) {
   // The same as JSON, for scripts.
   const RunResult json = f.lab({"check", "--sensors", "box.stl", "--json"});
   ASSERT_EQ(json.status, 0) << json.err;
-  const Json::Value report = parsed(json.out);
+  const Json::Value report = parsedJson(json.out);
   EXPECT_EQ(report["surface"]["triangles"].asInt(), 192);
   EXPECT_EQ(report["surface"]["unit"].asString(), "mm");
   EXPECT_NEAR(report["surface"]["diagonalMm"].asDouble(), 107.70, 0.01);
@@ -189,7 +186,7 @@ TEST(LabScore, BadModelsAndMeshesEndWithOneClearLine) {
   testing::writeModelFile(f.dir.file("big.json"), big);
   testing::writeFile(f.dir.file("empty.json"), "");
   testing::writeFile(f.dir.file("garbage.json"), "{ \"channelMap\" : [ 0, ");
-  Mesh zeroed = boxMm();
+  Mesh zeroed = testing::labBox();
   for (size_t i = 0; i < zeroed.size(); i += 4) zeroed[i].normal = Eigen::Vector3f::Zero();
   testing::writeStlBinary(f.dir.file("zeroed.stl"), zeroed);
 

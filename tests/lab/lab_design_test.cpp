@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "common/json_io.h"
+#include "tests/lab/lab_fixtures.h"
 #include "tests/support/meshes.h"
 #include "tests/support/run_binary.h"
 
@@ -23,12 +24,7 @@ namespace {
 
 using testing::RunResult;
 
-Json::Value parsed(const std::string& text) {
-  Json::Value root;
-  std::string errors;
-  EXPECT_TRUE(parseJsonText(text, root, errors)) << errors << text;
-  return root;
-}
+using testing::parsedJson;
 
 // A short schedule over few orientations: a design takes a fraction of a
 // second.
@@ -37,7 +33,7 @@ const std::vector<std::string> kQuick = {"--orientations",  "200", "--cooling-ra
 
 struct DesignFixture {
   testing::TempDir dir;
-  DesignFixture() { testing::writeStlBinary(dir.file("box.stl"), testing::boxMesh({-40, -30, -20}, {40, 30, 20}, 4)); }
+  DesignFixture() { testing::writeStlBinary(dir.file("box.stl"), testing::labBox()); }
   RunResult lab(const std::vector<std::string>& args) const { return testing::runLab(args, dir.path()); }
   RunResult design(const std::string& out, std::vector<std::string> more) const {
     std::vector<std::string> args = {"design", "--sensors", "box.stl", "--out", out};
@@ -45,7 +41,7 @@ struct DesignFixture {
     args.insert(args.end(), more.begin(), more.end());
     return lab(args);
   }
-  Json::Value json(const std::string& name) const { return parsed(testing::readFile(dir.file(name))); }
+  Json::Value json(const std::string& name) const { return parsedJson(testing::readFile(dir.file(name))); }
   std::string read(const std::string& name) const { return testing::readFile(dir.file(name)); }
   std::set<std::string> files() const {
     std::set<std::string> names;
@@ -64,7 +60,7 @@ std::string scoreText(const DesignFixture& f, const std::string& model, std::vec
   args.insert(args.end(), settings.begin(), settings.end());
   const RunResult r = f.lab(args);
   EXPECT_EQ(r.status, 0) << r.err;
-  return parsed(r.out)["score"].toStyledString();
+  return parsedJson(r.out)["score"].toStyledString();
 }
 
 // The least distance between two sensors of a model file, in metres.
