@@ -1,6 +1,5 @@
 #include <unistd.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <new>
@@ -35,27 +34,6 @@ void rotationOntoZ(const double d[3], double q[4]) {
   quaternionFromRotationMatrix(m, q);
 }
 
-}  // namespace
-
-void quaternionToRotationVector(const double q[4], double v[3]) {
-  const double w = q[0], a = q[1], b = q[2], c = q[3];
-  const double s2 = a * a + b * b + c * c;
-  if (!(s2 > 0.0)) {
-    v[0] = a * 2.0;
-    v[1] = b * 2.0;
-    v[2] = c * 2.0;
-    return;
-  }
-  const double n = std::sqrt(s2);
-  // For w below 0 the angle is taken the short way round.
-  const double angle = w < 0.0 ? std::atan2(-n, -w) : std::atan2(n, w);
-  v[0] = a * 2.0 * angle / n;
-  v[1] = b * 2.0 * angle / n;
-  v[2] = c * 2.0 * angle / n;
-}
-
-namespace {
-
 // Bytes a sample takes while the set is made: the record and its place in
 // the grid, with about one cell.
 constexpr double kBytesPerSample = sizeof(OrientationSample) + kNearestDirectionBytes;
@@ -74,6 +52,23 @@ Status tooManySamples(int32_t count, const std::string& limit) {
 }
 
 }  // namespace
+
+void quaternionToRotationVector(const double q[4], double v[3]) {
+  const double w = q[0], a = q[1], b = q[2], c = q[3];
+  const double s2 = a * a + b * b + c * c;
+  if (!(s2 > 0.0)) {
+    v[0] = a * 2.0;
+    v[1] = b * 2.0;
+    v[2] = c * 2.0;
+    return;
+  }
+  const double n = std::sqrt(s2);
+  // For w below 0 the angle is taken the short way round.
+  const double angle = w < 0.0 ? std::atan2(-n, -w) : std::atan2(n, w);
+  v[0] = a * 2.0 * angle / n;
+  v[1] = b * 2.0 * angle / n;
+  v[2] = c * 2.0 * angle / n;
+}
 
 Result<std::vector<OrientationSample>> sampleOrientations(int32_t count, const QualityMap& map,
                                                           std::optional<double>& normalization, NearestSearch search) {
