@@ -5,12 +5,15 @@
 #include <algorithm>
 #include <cassert>
 #include <cmath>
+#include <limits>
 
 #include "common/worker_pool.h"
 #include "observation/sweep_model.h"
 #include "quality/coverage_evaluator.h"
 #include "quality/score_scratch.h"
+#include "surface/ray_scene.h"
 #include "surface/tracked_surface.h"
+#include "surface/visibility.h"
 
 // The loops of the 6 x 6 solve and of a sensor's share are short and of fixed
 // length, and run for every sample a trial touches: fully unrolled they take
@@ -21,9 +24,11 @@ namespace sensorlay {
 
 namespace {
 
-// Samples per task of the worker pool: enough to pay for the hand-out, few
-// enough that two threads finish close together.
-constexpr int32_t kSamplesPerTask = 32;
+// Samples per task of the worker pool: enough to fill a packet or two with
+// the moved sensor's rays and to pay for the hand-out, few enough that two
+// threads finish close together. At most 64: a task's samples are bits of a
+// word.
+constexpr int32_t kSamplesPerTask = 64;
 
 // Bands of the sphere in which the samples are worked, in z.
 constexpr double kDirectionBands = 24.0;
@@ -56,6 +61,8 @@ constexpr double kEntryHeadroom = 4.0;
 
 // The share of a sensor that is not seen.
 alignas(64) constexpr int64_t kNoShare[kShareSize] = {};
+
+constexpr float kRayFar = std::numeric_limits<float>::infinity();
 
 // total = old - removed + added, entry by entry; the four never overlap.
 void exchangeShare(int64_t* __restrict__ total, const int64_t* __restrict__ old, const int64_t* __restrict__ removed,
@@ -115,10 +122,20 @@ void twoSweepRows(const StationRotation& frame, const double translation[3], con
 
 struct FastScorer::SampleFrame {
   double quaternion[4];      // the sample's, w x y z, as the visibility test takes it
+  double conjugate[4];       // its objectRotation, which turns the rays into the scene
   double rotationVector[3];  // as the Jacobian takes it
   StationRotation station;
   double weight;
   bool skipped;  // weight not above 0
+};
+
+// What each thread of the pool keeps for the trials: the reference
+// computation's buffers, and the packet of rays it fills, with the sample
+// (its place in the task) of each ray.
+struct FastScorer::WorkerScratch {
+  ScoreScratch score;
+  RayPacket packet;
+  int32_t laneSample[RayPacket::kSize];
 };
 
 struct FastScorer::TaskCounts {
@@ -132,12 +149,7 @@ FastScorer::FastScorer(CoverageEvaluator& evaluator, WorkerPool& pool) : evaluat
 FastScorer::~FastScorer() = default;
 
 void FastScorer::ensureScratch(int workers) {
-  while (static_cast<int>(scratch_.size()) < workers) scratch_.push_back(std::make_unique<ScoreScratch>());
-}
-
-int64_t* FastScorer::shareOf(int32_t sensor, int32_t s) {
-  const size_t at = static_cast<size_t>(sensor) * static_cast<size_t>(sampleCount_) + static_cast<size_t>(s);
-  return shares_.get() + at * kShareSize;
+  while (static_cast<int>(scratch_.size()) < workers) scratch_.push_back(std::make_unique<WorkerScratch>());
 }
 
 int64_t* FastScorer::totalOf(int32_t s, int slot) {
@@ -157,29 +169,22 @@ void FastScorer::forEachTask(Task&& task) {
   });
 }
 
-// A sensor as the incidence pre-test sees it.
-struct FastScorer::FacingTest {
-  double point[3];
-  double normal[3];
-  double threshold;  // the incidence limit less the margin
+FastScorer::FacingTest::FacingTest(const SensorModel& model, int32_t sensor) {
+  const Eigen::Vector3d& p = model.points[static_cast<size_t>(sensor)];
+  const Eigen::Vector3d& n = model.normals[static_cast<size_t>(sensor)];
+  for (int c = 0; c < 3; ++c) point[c] = p[c], normal[c] = n[c];
+  threshold = model.cosMaxIncidence - kIncidenceMargin * (1.0 + n.norm());
+}
 
-  FacingTest(const SensorModel& model, int32_t sensor) {
-    const Eigen::Vector3d& p = model.points[static_cast<size_t>(sensor)];
-    const Eigen::Vector3d& n = model.normals[static_cast<size_t>(sensor)];
-    for (int c = 0; c < 3; ++c) point[c] = p[c], normal[c] = n[c];
-    threshold = model.cosMaxIncidence - kIncidenceMargin * (1.0 + n.norm());
-  }
-
-  // False only when the sensor is certainly beyond the incidence limit at a
-  // sample, whose translation in object coordinates is `v`: R n . -(R p + t)
-  // / |R p + t| is n . -(p + R^T t) / |p + R^T t|. Anything not-a-number
-  // passes, to the full test.
-  bool mayFace(const double* v) const {
-    const double dx = point[0] + v[0], dy = point[1] + v[1], dz = point[2] + v[2];
-    const double facing = -(normal[0] * dx + normal[1] * dy + normal[2] * dz);
-    return !(facing < threshold * std::sqrt(dx * dx + dy * dy + dz * dz));
-  }
-};
+// False only when the sensor is certainly beyond the incidence limit at a
+// sample, whose translation in object coordinates is `v`: R n . -(R p + t)
+// / |R p + t| is n . -(p + R^T t) / |p + R^T t|. Anything not-a-number
+// passes, to the full test.
+bool FastScorer::FacingTest::mayFace(const double* v) const {
+  const double dx = point[0] + v[0], dy = point[1] + v[1], dz = point[2] + v[2];
+  const double facing = -(normal[0] * dx + normal[1] * dy + normal[2] * dz);
+  return !(facing < threshold * std::sqrt(dx * dx + dy * dy + dz * dz));
+}
 
 bool FastScorer::visible(int32_t s, int32_t sensor, const FacingTest& facing) const {
   if (!facing.mayFace(objectTranslations_.data() + static_cast<size_t>(s) * 4)) return false;
@@ -189,9 +194,8 @@ bool FastScorer::visible(int32_t s, int32_t sensor, const FacingTest& facing) co
   return isSensorVisible(evaluator_.observations->visibilityTests[static_cast<size_t>(sensor)], pose);
 }
 
-void FastScorer::sensorRows(int32_t s, int32_t sensor, double rows[12]) const {
-  twoSweepRows(frames_[static_cast<size_t>(s)].station, translation_,
-               evaluator_.model->points[static_cast<size_t>(sensor)].data(), rows);
+void FastScorer::sensorRows(int32_t s, const double point[3], double rows[12]) const {
+  twoSweepRows(frames_[static_cast<size_t>(s)].station, translation_, point, rows);
   for (int j = 3; j < 6; ++j) {
     rows[j] *= rotationScale_;
     rows[6 + j] *= rotationScale_;
@@ -234,7 +238,7 @@ double FastScorer::referenceValue(int32_t s, uint64_t mask, int worker) {
   // The steps of scorePlacement for one sample, on this worker's buffers and
   // with the visible sensors given by `mask` instead of the shared bit list.
   const SampleFrame& f = frames_[static_cast<size_t>(s)];
-  ScoreScratch& scratch = *scratch_[static_cast<size_t>(worker)];
+  ScoreScratch& scratch = scratch_[static_cast<size_t>(worker)]->score;
   const SweepObservationSet& set = *evaluator_.observations;
   const int32_t rows = 2 * static_cast<int32_t>(__builtin_popcountll(mask));
 
@@ -261,7 +265,10 @@ double FastScorer::referenceValue(int32_t s, uint64_t mask, int worker) {
   // A failed evaluation writes nothing, and J stays zero.
   if (!ok) J.setZero();
 
-  return evaluator_.score.sampleValue(scratch, rows);
+  if (rows > kSmallViewRows) return evaluator_.score.sampleValue(scratch, rows);
+  double diagonal[6];
+  covarianceDiagonal(evaluator_.score.measurementInformation, J.data(), rows, diagonal);
+  return evaluator_.score.valueOf(diagonal);
 }
 
 double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, int worker, bool& reference) {
@@ -336,60 +343,95 @@ double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, in
   return value * f.weight;
 }
 
-void FastScorer::evaluateMove(int32_t first, int32_t end, int32_t sensor, int worker, TaskCounts& counts) {
-  const uint64_t bit = uint64_t{1} << sensor;
-  const FacingTest facing(*evaluator_.model, sensor);
-  // First the visibility of the moved sensor in the whole block. A sample
-  // where it is unseen before and after keeps its term bit for bit; for the
-  // others the cached data is fetched ahead, while the rays of the rest run.
-  uint64_t seenAfter = 0, changed = 0;
+void FastScorer::castPacket(WorkerScratch& w, int lanes, uint64_t& seen) const {
+  trial_.surface->castRays(w.packet, lanes);
+  for (int lane = 0; lane < lanes; ++lane)
+    if (!w.packet.blocked[lane]) seen |= uint64_t{1} << w.laneSample[lane];
+}
+
+void FastScorer::evaluateMove(int32_t first, int32_t end, int worker, TaskCounts& counts) {
+  const Trial& t = trial_;
+  const uint64_t bit = uint64_t{1} << t.sensor;
+  WorkerScratch& w = *scratch_[static_cast<size_t>(worker)];
+  // Where the sensor was seen, and where it may face the station now, by the
+  // cheap test on the sample's translation alone.
+  uint64_t before = 0, candidates = 0;
   for (int32_t s = first; s < end; ++s) {
     const size_t at = static_cast<size_t>(s);
     settle(at);
     touched_[at] = 0;
-    if (objectTranslations_[at * 4 + 3] != 0.0) continue;  // skipped
-    const bool before = (masks_[at] & bit) != 0;
-    const bool after = visible(s, sensor, facing);
-    if (!before && !after) continue;
+    const double* v = objectTranslations_.data() + at * 4;
+    if (v[3] != 0.0) continue;  // skipped
     const uint64_t flag = uint64_t{1} << (s - first);
-    changed |= flag;
-    if (after) seenAfter |= flag;
-    const int64_t* total = totalOf(s, 0);
-    for (int line = 0; line < 2 * kShareSize * 8; line += 64)
-      __builtin_prefetch(reinterpret_cast<const char*>(total) + line, 1);
-    if (before) {
-      const int64_t* share = shareOf(sensor, s);
-      for (int line = 0; line < kShareSize * 8; line += 64)
-        __builtin_prefetch(reinterpret_cast<const char*>(share) + line, 0);
+    if ((masks_[at] & bit) != 0) {
+      before |= flag;
+      const int64_t* total = totalOf(s, 0);
+      for (int line = 0; line < 2 * kShareSize * 8; line += 64)
+        __builtin_prefetch(reinterpret_cast<const char*>(total) + line, 1);
     }
+    if (t.facing.mayFace(v)) candidates |= flag;
   }
 
+  // The exact incidence test of isSensorVisible, and its rays for the samples
+  // that pass, cast a packet at a time.
+  uint64_t after = 0;
+  int lanes = 0;
+  const StationPose base = {{translation_[0], translation_[1], translation_[2]}, {1.0, 0.0, 0.0, 0.0}};
+  for (uint64_t m = candidates; m != 0; m &= m - 1) {
+    const int offset = __builtin_ctzll(m);
+    const SampleFrame& f = frames_[static_cast<size_t>(first + offset)];
+    StationPose pose = base;
+    std::copy(f.quaternion, f.quaternion + 4, pose.quaternion);
+    double towards[3];
+    if (!facesStation(t.point, t.normal, t.cosMaxIncidence, pose, towards)) continue;
+    if (t.surface == nullptr) {
+      after |= uint64_t{1} << offset;
+      continue;
+    }
+    float direction[3];
+    rayDirection(f.conjugate, towards, direction);
+    w.packet.set(lanes, t.origin, direction, kRayNear, kRayFar);
+    w.laneSample[lanes++] = offset;
+    if (lanes == RayPacket::kSize) {
+      castPacket(w, lanes, after);
+      lanes = 0;
+    }
+  }
+  if (lanes > 0) castPacket(w, lanes, after);
+
+  // A sample where the sensor is unseen before and after keeps its term bit
+  // for bit.
+  const uint64_t changed = before | after;
   for (uint64_t m = changed; m != 0; m &= m - 1) {
-    const int32_t s = first + __builtin_ctzll(m);
+    const int offset = __builtin_ctzll(m);
+    const int32_t s = first + offset;
     const size_t at = static_cast<size_t>(s);
-    const bool after = (seenAfter >> (s - first) & 1) != 0;
-    const bool before = (masks_[at] & bit) != 0;
+    const bool seenAfter = (after >> offset & 1) != 0;
+    const bool seenBefore = (before >> offset & 1) != 0;
     touched_[at] = 1;
     previousMasks_[at] = masks_[at];
     previousTerms_[at] = terms_[at];
 
-    // The new sum in the free slot: the old one, less the sensor's old share,
-    // plus its new one. Exact in fixed point, so the sum is the same as if it
-    // had been added up from nothing.
+    // The new sum in the free slot: the old one, less the sensor's share at
+    // its old place, plus its share at the new one. Exact in fixed point, so
+    // the sum is the same as if it had been added up from nothing, and the
+    // old share, worked out again, is the very one that was added.
     const int64_t* oldTotal = totalOf(s, totalSlot_[at]);
     int64_t* total = totalOf(s, totalSlot_[at] ^ 1);
-    const int64_t* removed = before ? shareOf(sensor, s) : kNoShare;
-    const int64_t* added = kNoShare;
-    if (after) {
-      double rows[12];
-      sensorRows(s, sensor, rows);
-      int64_t* share = pendingShares_.data() + at * kShareSize;
-      quantizeShare(rows, share);
-      added = share;
+    alignas(64) int64_t removed[kShareSize];
+    alignas(64) int64_t added[kShareSize];
+    double rows[12];
+    if (seenBefore) {
+      sensorRows(s, t.committedPoint, rows);
+      quantizeShare(rows, removed);
+    }
+    if (seenAfter) {
+      sensorRows(s, t.point, rows);
+      quantizeShare(rows, added);
       counts.seen |= bit;
     }
-    exchangeShare(total, oldTotal, removed, added);
-    const uint64_t mask = after ? (masks_[at] | bit) : (masks_[at] & ~bit);
+    exchangeShare(total, oldTotal, seenBefore ? removed : kNoShare, seenAfter ? added : kNoShare);
+    const uint64_t mask = seenAfter ? (masks_[at] | bit) : (masks_[at] & ~bit);
     masks_[at] = mask;
     bool reference = false;
     terms_[at] = sampleTerm(s, mask, total, worker, reference);
@@ -412,8 +454,8 @@ void FastScorer::evaluateSampleFully(int32_t s, int worker, TaskCounts& counts) 
   for (uint64_t m = mask; m != 0; m &= m - 1) {
     const int32_t k = __builtin_ctzll(m);
     double rows[12];
-    sensorRows(s, k, rows);
-    int64_t* share = shareOf(k, s);
+    sensorRows(s, committed_.data() + 3 * k, rows);
+    alignas(64) int64_t share[kShareSize];
     quantizeShare(rows, share);
     for (int e = 0; e < kShareSize; ++e) total[e] += share[e];
   }
@@ -554,6 +596,7 @@ double FastScorer::scoreAll() {
       const OrientationSample& sample = evaluator_.score.samples[static_cast<size_t>(order_[static_cast<size_t>(s)])];
       SampleFrame& f = frames_[static_cast<size_t>(s)];
       std::copy(sample.quaternion, sample.quaternion + 4, f.quaternion);
+      objectRotation(f.quaternion, f.conjugate);
       std::copy(sample.rotationVector, sample.rotationVector + 3, f.rotationVector);
       f.weight = sample.weight;
       f.skipped = 0.0 >= sample.weight;
@@ -569,13 +612,9 @@ double FastScorer::scoreAll() {
   for (size_t s = 0; s < n; ++s)
     if (!frames_[position_[s]].skipped) lastSample_ = position_[s];
 
-  // Every slot is written before it is read; the storage is not cleared.
-  const size_t shareCount = static_cast<size_t>(sensorCount_) * n * kShareSize;
-  if (shareCount > shareCapacity_) {
-    shares_.reset(new int64_t[shareCount]);
-    shareCapacity_ = shareCount;
-  }
-  pendingShares_.assign(n * kShareSize, 0);
+  committed_.resize(static_cast<size_t>(sensorCount_) * 3);
+  for (int32_t k = 0; k < sensorCount_; ++k)
+    for (int c = 0; c < 3; ++c) committed_[static_cast<size_t>(k) * 3 + c] = model->points[static_cast<size_t>(k)][c];
   totals_.assign(n * 2 * kShareSize, 0);
   totalSlot_.assign(n, 0);
   masks_.assign(n, 0);
@@ -596,7 +635,7 @@ double FastScorer::scoreAll() {
         for (int32_t k = 0; k < sensorCount_; ++k) {
           if (!visible(s, k, FacingTest(*evaluator_.model, k))) continue;
           double rows[12];
-          sensorRows(s, k, rows);
+          sensorRows(s, evaluator_.model->points[static_cast<size_t>(k)].data(), rows);
           for (int j = 0; j < 6; ++j) {
             double& slot = largest[at * 2 + (j < 3 ? 0 : 1)];
             slot = std::max(slot, std::max(std::fabs(rows[j]), std::fabs(rows[6 + j])));
@@ -626,9 +665,23 @@ double FastScorer::scoreMove(int32_t sensor) {
   assert(sensor >= 0 && sensor < sensorCount_);
   if (openSensor_ >= 0) accept();
   openSensor_ = sensor;
-  forEachTask([this, sensor](int32_t first, int32_t end, int worker, TaskCounts& counts) {
-    evaluateMove(first, end, sensor, worker, counts);
-  });
+
+  // What every sample of the trial reads of the moved sensor.
+  const SensorModel& model = *evaluator_.model;
+  Trial& t = trial_;
+  t.sensor = sensor;
+  for (int c = 0; c < 3; ++c) {
+    t.point[c] = model.points[static_cast<size_t>(sensor)][c];
+    t.normal[c] = model.normals[static_cast<size_t>(sensor)][c];
+    t.committedPoint[c] = committed_[static_cast<size_t>(sensor) * 3 + c];
+  }
+  t.facing = FacingTest(model, sensor);
+  t.cosMaxIncidence = model.cosMaxIncidence;
+  t.surface = evaluator_.observations->visibilityTests[static_cast<size_t>(sensor)].surface;
+  rayOrigin(t.point, t.normal, t.origin);
+
+  forEachTask(
+      [this](int32_t first, int32_t end, int worker, TaskCounts& counts) { evaluateMove(first, end, worker, counts); });
   closing_ = Closing::kNone;
   finish();
   return sumTerms();
@@ -645,6 +698,8 @@ double FastScorer::sumTerms() const {
 
 void FastScorer::accept() {
   if (openSensor_ < 0) return;
+  // The shares at the new place are the ones in the sums from now on.
+  std::copy(trial_.point, trial_.point + 3, committed_.begin() + static_cast<ptrdiff_t>(openSensor_) * 3);
   closing_ = Closing::kAccept;
   closingSensor_ = openSensor_;
   openSensor_ = -1;
@@ -662,8 +717,6 @@ void FastScorer::settle(size_t s) {
   if (closing_ == Closing::kAccept) {
     // The free slots become the ones in use.
     totalSlot_[s] ^= 1;
-    if (masks_[s] >> closingSensor_ & 1)
-      std::copy_n(pendingShares_.data() + s * kShareSize, kShareSize, shareOf(closingSensor_, static_cast<int32_t>(s)));
   } else if (closing_ == Closing::kReject) {
     masks_[s] = previousMasks_[s];
     terms_[s] = previousTerms_[s];

@@ -27,8 +27,9 @@
 namespace sensorlay {
 
 class CoverageEvaluator;
+class TrackedSurface;
 class WorkerPool;
-struct ScoreScratch;
+struct SensorModel;
 
 // The station-frame rotation R(omega) of a rotation vector, formed the way the
 // Jacobian forms it, and its derivatives with respect to the vector's three
@@ -88,17 +89,38 @@ class FastScorer {
  private:
   struct SampleFrame;
   struct TaskCounts;
-  struct FacingTest;
+  struct WorkerScratch;
+  // A sensor as the incidence pre-test sees it.
+  struct FacingTest {
+    double point[3];
+    double normal[3];
+    double threshold;  // the incidence limit less the margin
+
+    FacingTest() = default;
+    FacingTest(const SensorModel& model, int32_t sensor);
+    bool mayFace(const double* objectTranslation) const;
+  };
+  // The moved sensor, as every sample of a trial reads it.
+  struct Trial {
+    int32_t sensor = -1;
+    double point[3];
+    double normal[3];
+    double committedPoint[3];  // where its shares in the sums were taken
+    double cosMaxIncidence;
+    FacingTest facing;
+    const TrackedSurface* surface = nullptr;
+    float origin[3];  // of its rays
+  };
 
   void evaluateSampleFully(int32_t s, int worker, TaskCounts& counts);
-  void evaluateMove(int32_t first, int32_t end, int32_t sensor, int worker, TaskCounts& counts);
+  void evaluateMove(int32_t first, int32_t end, int worker, TaskCounts& counts);
+  void castPacket(WorkerScratch& w, int lanes, uint64_t& seen) const;
   void settle(size_t s);
-  void sensorRows(int32_t s, int32_t sensor, double rows[12]) const;
+  void sensorRows(int32_t s, const double point[3], double rows[12]) const;
   void quantizeShare(const double rows[12], int64_t share[]) const;
   double sampleTerm(int32_t s, uint64_t mask, const int64_t* total, int worker, bool& reference);
   double referenceValue(int32_t s, uint64_t mask, int worker);
   bool visible(int32_t s, int32_t sensor, const FacingTest& facing) const;
-  int64_t* shareOf(int32_t sensor, int32_t s);
   int64_t* totalOf(int32_t s, int slot);
   template <class Task>
   void forEachTask(Task&& task);
@@ -130,11 +152,11 @@ class FastScorer {
   // apart from the larger frames: the pose's translation in object
   // coordinates, and whether the sample is skipped.
   std::vector<double> objectTranslations_;  // 4 per sample, the 4th 1 when skipped
-  // Sensor k's share of sample s, valid where k is seen there, with the
-  // moved sensor's new shares of the trial under way beside them.
-  std::unique_ptr<int64_t[]> shares_;
-  size_t shareCapacity_ = 0;
-  std::vector<int64_t> pendingShares_;
+  // Where each sensor stood when its shares in the sums were taken, 3 per
+  // sensor. A share is a function of the place alone, so the scorer keeps
+  // no shares: a trial works the moved sensor's old ones out again. Memory
+  // then grows with the samples only.
+  std::vector<double> committed_;
   // The fixed-point sum of the shares of the sensors seen in sample s, in two
   // slots: the trial under way writes the one not in use.
   std::vector<int64_t> totals_;
@@ -154,7 +176,8 @@ class FastScorer {
   Closing closing_ = Closing::kNone;
   int32_t closingSensor_ = -1;
 
-  std::vector<std::unique_ptr<ScoreScratch>> scratch_;  // one per worker
+  Trial trial_;
+  std::vector<std::unique_ptr<WorkerScratch>> scratch_;  // one per worker
   std::vector<TaskCounts> taskCounts_;
 
   int64_t lastEvaluated_ = 0;

@@ -2,7 +2,9 @@
 
 #include <Eigen/LU>
 
+#include <cassert>
 #include <cmath>
+#include <utility>
 
 #include "quality/score_scratch.h"
 
@@ -60,14 +62,92 @@ void informationInverse(const Eigen::MatrixXd& measurementInformation, ScoreScra
   scratch.lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(C);
 }
 
+void covarianceDiagonal(const Eigen::MatrixXd& measurementInformation, const double* jacobian, int32_t rows,
+                        double diagonal[6]) {
+  assert(rows >= 1 && rows <= kSmallViewRows);
+  const double* J = jacobian;  // J(k, i) = J[k * 6 + i]
+  // J^T W, then A = (J^T W) J: at this size the library forms each entry as a
+  // sum over k from the first product on, in order.
+  double WT[6][kSmallViewRows];
+  for (int i = 0; i < 6; ++i)
+    for (int c = 0; c < rows; ++c) {
+      double sum = J[i] * measurementInformation(0, c);
+      for (int k = 1; k < rows; ++k) sum += J[k * 6 + i] * measurementInformation(k, c);
+      WT[i][c] = sum;
+    }
+  double A[6][6];
+  for (int i = 0; i < 6; ++i)
+    for (int j = 0; j < 6; ++j) {
+      double sum = WT[i][0] * J[j];
+      for (int k = 1; k < rows; ++k) sum += WT[i][k] * J[k * 6 + j];
+      A[i][j] = sum;
+    }
+
+  // LU with partial pivoting: the first largest magnitude in the column
+  // (a not-a-number at the top stays the pivot), whole rows swapped, the
+  // column divided by a pivot that is not zero, then the rank-one update,
+  // which runs even after a zero pivot.
+  int transposition[6];
+  for (int k = 0; k < 6; ++k) {
+    int p = k;
+    double biggest = std::fabs(A[k][k]);
+    for (int i = k + 1; i < 6; ++i)
+      if (std::fabs(A[i][k]) > biggest) {
+        biggest = std::fabs(A[i][k]);
+        p = i;
+      }
+    transposition[k] = p;
+    if (biggest != 0.0) {
+      if (p != k)
+        for (int j = 0; j < 6; ++j) std::swap(A[k][j], A[p][j]);
+      for (int i = k + 1; i < 6; ++i) A[i][k] /= A[k][k];
+    }
+    for (int j = k + 1; j < 6; ++j)
+      for (int i = k + 1; i < 6; ++i) A[i][j] -= A[k][j] * A[i][k];
+  }
+  // The permutation as the library builds it from the transpositions, last
+  // first; column i of the right-hand side is the unit vector at permuted[i].
+  int permuted[6] = {0, 1, 2, 3, 4, 5};
+  for (int k = 5; k >= 0; --k) std::swap(permuted[k], permuted[transposition[k]]);
+
+  // The two triangular solves, column by column, as the library's blocked
+  // solver does them at this size: panels of four rows substituted one row
+  // at a time, the rows past a panel updated by the panel's dot product,
+  // accumulated from zero, in one subtraction.
+  for (int column = 0; column < 6; ++column) {
+    double x[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+    x[permuted[column]] = 1.0;
+    // L, unit diagonal.
+    for (int i = 0; i < 4; ++i)
+      for (int r = i + 1; r < 4; ++r) x[r] -= x[i] * A[r][i];
+    for (int r = 4; r < 6; ++r) {
+      double dot = 0.0;
+      for (int k = 0; k < 4; ++k) dot += A[r][k] * x[k];
+      x[r] -= dot;
+    }
+    x[5] -= x[4] * A[5][4];
+    // U, by the reciprocals of its diagonal.
+    for (int i = 5; i >= 2; --i) {
+      x[i] *= 1.0 / A[i][i];
+      for (int r = 2; r < i; ++r) x[r] -= x[i] * A[r][i];
+    }
+    for (int r = 0; r < 2; ++r) {
+      double dot = 0.0;
+      for (int k = 2; k < 6; ++k) dot += A[r][k] * x[k];
+      x[r] -= dot;
+    }
+    x[1] *= 1.0 / A[1][1];
+    x[0] -= x[1] * A[0][1];
+    x[0] *= 1.0 / A[0][0];
+    diagonal[column] = x[column];
+  }
+}
+
 double PlacementScore::sampleValue(ScoreScratch& scratch, int32_t rows) const {
   informationInverse(measurementInformation, scratch, rows);
   const Eigen::MatrixXd& C = scratch.covariance;
-  // Position and rotation uncertainty added as plain numbers: 1 mm weighs
-  // as much as 1 mrad. Infinite or not-a-number variances of a singular A
-  // end here.
-  const double x = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2)) + std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
-  return std::isnan(x) ? kNoAnswer : curve(x);
+  const double diagonal[6] = {C(0, 0), C(1, 1), C(2, 2), C(3, 3), C(4, 4), C(5, 5)};
+  return valueOf(diagonal);
 }
 
 double PlacementScore::evaluate(SweepObservationSet& set, const Eigen::Vector3d& position) {

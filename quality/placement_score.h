@@ -83,6 +83,15 @@ class PlacementScore {
   // information, A inverted by LU with partial pivoting, the pose uncertainty
   // from the inverse's diagonal, and the curve.
   double sampleValue(ScoreScratch& scratch, int32_t rows) const;
+  // The value of a sample from the diagonal of its covariance.
+  double valueOf(const double covarianceDiagonal[6]) const {
+    const double* c = covarianceDiagonal;
+    // Position and rotation uncertainty added as plain numbers: 1 mm weighs
+    // as much as 1 mrad. Infinite or not-a-number variances of a singular A
+    // end here.
+    const double x = std::sqrt(c[0] + c[1] + c[2]) + std::sqrt(c[3] + c[4] + c[5]);
+    return std::isnan(x) ? kNoAnswer : curve(x);
+  }
 
   // The term of a sample of `weight` that sees no sensor.
   double unseenTerm(double weight) const { return unseenCost == UnseenCost::Weighted ? kNoAnswer * weight : kNoAnswer; }

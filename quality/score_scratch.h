@@ -34,4 +34,17 @@ struct ScoreScratch {
 // singular A gives infinite or not-a-number entries.
 void informationInverse(const Eigen::MatrixXd& measurementInformation, ScoreScratch& scratch, int32_t rows);
 
+// The most rows for which covarianceDiagonal stands in for informationInverse.
+constexpr int32_t kSmallViewRows = 6;
+
+// The diagonal of the covariance that informationInverse leaves for the
+// `rows` row-major Jacobian rows `jacobian`, bit for bit, for views of at most
+// kSmallViewRows rows (three sensors): the same products, pivots and
+// substitutions in the same order, on fixed-size arrays instead of the
+// library's dynamic kernels, which cost ten times as much at this size. Views
+// of one or two sensors have a singular information matrix, and only this
+// exact rounding tells whether their uncertainty comes out as a number.
+void covarianceDiagonal(const Eigen::MatrixXd& measurementInformation, const double* jacobian, int32_t rows,
+                        double diagonal[6]);
+
 }  // namespace sensorlay

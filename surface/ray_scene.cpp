@@ -124,15 +124,29 @@ RayScene::~RayScene() {
   if (scene_) rtcReleaseScene(scene_);
 }
 
-bool RayScene::occluded(const float origin[3], const float direction[3], float tNear, float tFar) const {
-  if (!scene_) return false;
-  // The library aborts on such rays or leaves them undefined. Counting them as
-  // blocked keeps every test on the safe side: a sensor whose ray cannot be
-  // cast neither fits nor is seen.
+namespace {
+
+// The library aborts on such rays or leaves them undefined. Counting them as
+// blocked keeps every test on the safe side: a sensor whose ray cannot be
+// cast neither fits nor is seen.
+bool usableRay(const float origin[3], const float direction[3], float tNear, float tFar) {
   bool usable = tNear >= 0.0f && !std::isnan(tFar);
   for (int c = 0; c < 3; ++c)
     usable = usable && std::fabs(origin[c]) <= kMaxRayCoordinate && std::fabs(direction[c]) <= kMaxRayCoordinate;
-  if (!usable || (direction[0] == 0.0f && direction[1] == 0.0f && direction[2] == 0.0f)) return true;
+  return usable && !(direction[0] == 0.0f && direction[1] == 0.0f && direction[2] == 0.0f);
+}
+
+// The library marks an occluded ray by setting its far distance to -inf.
+bool markedOccluded(float tFarAfter, float tFar) {
+  const float minusInfinity = -std::numeric_limits<float>::infinity();
+  return tFarAfter == minusInfinity && tFar != minusInfinity;
+}
+
+}  // namespace
+
+bool RayScene::occluded(const float origin[3], const float direction[3], float tNear, float tFar) const {
+  if (!scene_) return false;
+  if (!usableRay(origin, direction, tNear, tFar)) return true;
   RTCIntersectContext context;
   rtcInitIntersectContext(&context);
   RTCRay ray;
@@ -149,9 +163,43 @@ bool RayScene::occluded(const float origin[3], const float direction[3], float t
   ray.id = 0;
   ray.flags = 0;
   rtcOccluded1(scene_, &context, &ray);
-  // The library marks an occluded ray by setting its far distance to -inf.
-  const float minusInfinity = -std::numeric_limits<float>::infinity();
-  return ray.tfar == minusInfinity && tFar != minusInfinity;
+  return markedOccluded(ray.tfar, tFar);
+}
+
+void RayScene::occluded(RayPacket& packet, int count) const {
+  alignas(64) int valid[RayPacket::kSize];
+  alignas(64) RTCRay16 rays;
+  bool any = false;
+  for (int i = 0; i < RayPacket::kSize; ++i) {
+    const float origin[3] = {packet.originX[i], packet.originY[i], packet.originZ[i]};
+    const float direction[3] = {packet.directionX[i], packet.directionY[i], packet.directionZ[i]};
+    const bool cast = i < count && scene_ && usableRay(origin, direction, packet.tNear[i], packet.tFar[i]);
+    // Unusable rays are blocked without asking, as one at a time; lanes past
+    // the count are left out.
+    if (i < count) packet.blocked[i] = scene_ && !cast;
+    valid[i] = cast ? -1 : 0;
+    any = any || cast;
+    rays.org_x[i] = cast ? origin[0] : 0.0f;
+    rays.org_y[i] = cast ? origin[1] : 0.0f;
+    rays.org_z[i] = cast ? origin[2] : 0.0f;
+    rays.dir_x[i] = cast ? direction[0] : 0.0f;
+    rays.dir_y[i] = cast ? direction[1] : 0.0f;
+    rays.dir_z[i] = cast ? direction[2] : 1.0f;
+    rays.tnear[i] = cast ? packet.tNear[i] : 0.0f;
+    rays.tfar[i] = cast ? packet.tFar[i] : 0.0f;
+    rays.time[i] = 0.0f;
+    rays.mask[i] = 0xFFFFFFFFu;
+    rays.id[i] = static_cast<unsigned>(i);
+    rays.flags[i] = 0;
+  }
+  if (!any) return;
+  RTCIntersectContext context;
+  rtcInitIntersectContext(&context);
+  // One origin and close directions: the library may keep the rays together.
+  context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
+  rtcOccluded16(valid, scene_, &context, &rays);
+  for (int i = 0; i < count; ++i)
+    if (valid[i] != 0) packet.blocked[i] = markedOccluded(rays.tfar[i], packet.tFar[i]);
 }
 
 }  // namespace sensorlay

@@ -20,6 +20,29 @@ struct RayMesh {
   const StlFaces* faces;
 };
 
+// Up to kSize rays asked together, laid out as the library's packet query
+// reads them. Rays that start at one point and spread little, such as one
+// sensor's rays to the station over neighbouring orientations, share most
+// of their way through the scene, and a packet walks it once for all.
+struct alignas(64) RayPacket {
+  static constexpr int kSize = 16;
+  float originX[kSize], originY[kSize], originZ[kSize];
+  float directionX[kSize], directionY[kSize], directionZ[kSize];
+  float tNear[kSize], tFar[kSize];
+  bool blocked[kSize];  // the answers
+
+  void set(int lane, const float origin[3], const float direction[3], float near, float far) {
+    originX[lane] = origin[0];
+    originY[lane] = origin[1];
+    originZ[lane] = origin[2];
+    directionX[lane] = direction[0];
+    directionY[lane] = direction[1];
+    directionZ[lane] = direction[2];
+    tNear[lane] = near;
+    tFar[lane] = far;
+  }
+};
+
 class RayScene {
  public:
   // Builds one scene of all the meshes' triangles, as if their vertex lists
@@ -40,6 +63,9 @@ class RayScene {
   // kMaxRayCoordinate, a zero direction, a tNear that is negative or not a
   // number, a tFar that is not a number. Allocates nothing.
   bool occluded(const float origin[3], const float direction[3], float tNear, float tFar) const;
+  // The same answer for each of the first `count` rays of the packet, into
+  // packet.blocked. Allocates nothing.
+  void occluded(RayPacket& packet, int count) const;
 
  private:
   RTCScene scene_ = nullptr;

@@ -110,6 +110,14 @@ bool TrackedSurface::castRay(const Eigen::Vector3f& origin, const Eigen::Vector3
   return scene && scene->occluded(origin.data(), direction.data(), tNear, tFar);
 }
 
+void TrackedSurface::castRays(RayPacket& packet, int count) const {
+  if (scene) {
+    scene->occluded(packet, count);
+    return;
+  }
+  for (int i = 0; i < count; ++i) packet.blocked[i] = false;
+}
+
 void tangentFrame(const Eigen::Vector3f& normal, Eigen::Vector3f& t1, Eigen::Vector3f& t2) {
   const bool steep = std::abs(static_cast<double>(normal.y())) > 0.2 || std::abs(static_cast<double>(normal.z())) > 0.2;
   const Eigen::Vector3f helper = steep ? Eigen::Vector3f(1.0f, 0.0f, 0.0f) : Eigen::Vector3f(0.0f, 1.0f, 0.0f);

@@ -16,6 +16,7 @@
 namespace sensorlay {
 
 class RayScene;
+struct RayPacket;
 
 // Two unit tangents of a surface with unit normal `normal`: the footprint of
 // a sensor and the cone of its drawn normals are laid out in them. The helper
@@ -59,6 +60,9 @@ class TrackedSurface {
 
   // Ray queries; a triangle counts from either side.
   bool castRay(const Eigen::Vector3f& origin, const Eigen::Vector3f& direction, float tNear, float tFar) const;
+  // castRay for each of the first `count` rays of the packet, into
+  // packet.blocked.
+  void castRays(RayPacket& packet, int count) const;
   bool sensorFits(const Eigen::Vector3f& point, const Eigen::Vector3f& normal) const;
   bool isOnSurface(const Eigen::Vector3f& point, const Eigen::Vector3f& normal) const;
 

@@ -1,5 +1,3 @@
-#include <ceres/rotation.h>
-
 #include <cmath>
 #include <limits>
 
@@ -17,35 +15,18 @@ bool isSensorVisible(const SensorVisibilityTest& test, const StationPose& pose) 
     return false;
   const double* p = model.points[test.sensorIndex].data();
   const double* n = model.normals[test.sensorIndex].data();
-  const double* q = pose.quaternion;
-
-  double P[3], M[3];
-  ceres::UnitQuaternionRotatePoint(q, p, P);
-  P[0] += pose.position[0];
-  P[1] += pose.position[1];
-  P[2] += pose.position[2];
-  ceres::UnitQuaternionRotatePoint(q, n, M);
-
-  // Unit vector from the sensor towards the station at the origin.
-  const double length = std::sqrt(P[0] * P[0] + P[1] * P[1] + P[2] * P[2]);
-  const double d[3] = {-P[0] / length, -P[1] / length, -P[2] / length};
-  // Strict, so that a limit of 90 degrees refuses a grazing sensor, and a
-  // not-a-number refuses as well.
-  if (!(M[0] * d[0] + M[1] * d[1] + M[2] * d[2] > model.cosMaxIncidence)) return false;
+  double towards[3];
+  if (!facesStation(p, n, model.cosMaxIncidence, pose, towards)) return false;
   if (!test.surface) return true;
-
-  // Back to object coordinates, where the scene lives.
-  const double qLength = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
-  const double c[4] = {q[0] / qLength, -q[1] / qLength, -q[2] / qLength, -q[3] / qLength};
-  double e[3];
-  ceres::UnitQuaternionRotatePoint(c, d, e);
-
-  // Lifted a millimetre off the surface along the sensor's normal, so that
-  // its own triangle does not count.
-  const Eigen::Vector3f origin(static_cast<float>(p[0] + 0.001 * n[0]), static_cast<float>(p[1] + 0.001 * n[1]),
-                               static_cast<float>(p[2] + 0.001 * n[2]));
-  const Eigen::Vector3f direction(static_cast<float>(e[0]), static_cast<float>(e[1]), static_cast<float>(e[2]));
-  return !test.surface->castRay(origin, direction, 0.0001f, std::numeric_limits<float>::infinity());
+  double conjugate[4];
+  objectRotation(pose.quaternion, conjugate);
+  float direction[3];
+  rayDirection(conjugate, towards, direction);
+  float origin[3];
+  rayOrigin(p, n, origin);
+  return !test.surface->castRay(Eigen::Vector3f(origin[0], origin[1], origin[2]),
+                                Eigen::Vector3f(direction[0], direction[1], direction[2]), kRayNear,
+                                std::numeric_limits<float>::infinity());
 }
 
 }  // namespace sensorlay

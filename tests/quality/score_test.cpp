@@ -1,10 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
+#include "common/random_draws.h"
 #include "quality/coverage_evaluator.h"
+#include "quality/score_scratch.h"
 #include "surface/tracked_surface.h"
 #include "tests/support/allocation_counter.h"
 #include "tests/support/meshes.h"
@@ -97,6 +101,44 @@ TEST(Score, RepeatedScoresAllocateNothing) {
     EXPECT_EQ(first, second);
     EXPECT_TRUE(model == forty.get() ? first == 1000.0 : first > 0.0 && first < 1000.0) << first;
   }
+}
+
+// The fixed-size covariance of small views gives informationInverse's
+// diagonal bit for bit: for solvable views of three sensors, for the singular
+// views of one and two, whose rounding decides between an infinite, a huge and
+// a not-a-number variance, and for rows with the zeros of real sweep rows, of
+// mixed scales and of sensors seen from almost the same place.
+TEST(Score, SmallViewCovarianceIsTheReferenceBitForBit) {
+  const Eigen::MatrixXd W = angleNoiseInformation();
+  ScoreScratch scratch;
+  std::mt19937 draws(11);
+  int notNumbers = 0, infinite = 0;
+  for (int t = 0; t < 30000; ++t) {
+    const int rows = 2 * (1 + t % 3), kind = t / 3 % 4;
+    scratch.jacobian.setZero(rows, 6);
+    for (int r = 0; r < rows; ++r)
+      for (int c = 0; c < 6; ++c) {
+        double v = drawUnitDouble(draws) * 2.0 - 1.0;
+        if (kind == 1 && ((c == 1 && r % 2 == 0) || (c == 0 && r % 2 == 1))) v = 0.0;
+        if (kind == 2) v = std::ldexp(v, static_cast<int>(draws() % 40) - 20);
+        if (kind == 3 && r >= 2) v = scratch.jacobian(r - 2, c) * (1.0 + 1e-12 * v);
+        scratch.jacobian(r, c) = v;
+      }
+    informationInverse(W, scratch, rows);
+    double diagonal[6];
+    covarianceDiagonal(W, scratch.jacobian.data(), rows, diagonal);
+    for (int i = 0; i < 6; ++i) {
+      const double expected = scratch.covariance(i, i);
+      notNumbers += std::isnan(expected) ? 1 : 0;
+      infinite += std::isinf(expected) ? 1 : 0;
+      if (std::isnan(expected))
+        ASSERT_TRUE(std::isnan(diagonal[i])) << t;
+      else
+        ASSERT_EQ(std::memcmp(&expected, &diagonal[i], sizeof expected), 0) << t << " " << i;
+    }
+  }
+  EXPECT_GT(notNumbers, 1000);
+  EXPECT_GT(infinite, 100);
 }
 
 }  // namespace

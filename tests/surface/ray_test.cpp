@@ -3,8 +3,13 @@
 #include <cmath>
 #include <limits>
 
+#include <random>
+
+#include "common/random_draws.h"
+#include "surface/ray_scene.h"
 #include "surface/visibility.h"
 #include "tests/support/allocation_counter.h"
+#include "tests/support/samples.h"
 #include "tests/support/surface_fixtures.h"
 
 namespace sensorlay {
@@ -15,22 +20,69 @@ using V3 = Eigen::Vector3f;
 
 // The library aborts on rays whose parts are not finite or beyond its range;
 // such a ray counts as blocked, however it points.
+// In a packet, each such ray is blocked on its own and the others are cast.
 TEST(CastRay, RaysTheLibraryCannotTakeCountAsBlocked) {
   TempDir dir;
   auto s = buildSurface(dir, plateMesh(0.1f, 0.0f, 3));
   const V3 up(0, 0, 1), above(0.01f, 0.02f, 1);
   const float inf = std::numeric_limits<float>::infinity();
-  EXPECT_FALSE(s->castRay(above, up, 0, 2));
-  EXPECT_TRUE(s->castRay(above, V3(std::nanf(""), 0, -1), 0, 2));
-  EXPECT_TRUE(s->castRay(above, V3::Zero(), 0, 2));
-  EXPECT_TRUE(s->castRay(above, V3(0, -inf, 0), 0, 2));
-  EXPECT_TRUE(s->castRay(V3(2e18f, 0, 1), up, 0, 2));
-  EXPECT_TRUE(s->castRay(above, V3(0, 0, 2e18f), 0, 2));
-  EXPECT_TRUE(s->castRay(above, up, -1, 2));
-  EXPECT_TRUE(s->castRay(above, up, std::nanf(""), 2));
-  EXPECT_TRUE(s->castRay(above, up, 0, std::nanf("")));
-  // Far but within the library's range: an ordinary miss.
-  EXPECT_FALSE(s->castRay(V3(1e18f, 0, 1), up, 0, inf));
+  struct Ray {
+    V3 origin, direction;
+    float near, far;
+    bool blocked;
+  };
+  const Ray rays[] = {{above, up, 0, 2, false},
+                      {above, V3(std::nanf(""), 0, -1), 0, 2, true},
+                      {above, V3::Zero(), 0, 2, true},
+                      {above, V3(0, -inf, 0), 0, 2, true},
+                      {V3(2e18f, 0, 1), up, 0, 2, true},
+                      {above, V3(0, 0, 2e18f), 0, 2, true},
+                      {above, up, -1, 2, true},
+                      {above, up, std::nanf(""), 2, true},
+                      {above, up, 0, std::nanf(""), true},
+                      {above, -up, 0, 2, true},  // through the plate
+                      // Far but within the library's range: an ordinary miss.
+                      {V3(1e18f, 0, 1), up, 0, inf, false}};
+  RayPacket packet;
+  int count = 0;
+  for (const Ray& r : rays) {
+    EXPECT_EQ(s->castRay(r.origin, r.direction, r.near, r.far), r.blocked) << count;
+    packet.set(count++, r.origin.data(), r.direction.data(), r.near, r.far);
+  }
+  packet.blocked[count] = true;
+  s->castRays(packet, count);
+  for (int i = 0; i < count; ++i) EXPECT_EQ(packet.blocked[i], rays[i].blocked) << i;
+  EXPECT_TRUE(packet.blocked[count]);  // past the count: untouched
+}
+
+// A packet answers as its rays one at a time do, over the bundled headset and
+// its head, where many rays graze edges.
+TEST(CastRay, PacketsAgreeWithSingleRays) {
+  TrackedSurface s(samplePath("headset.stl"), {samplePath("headset_head.stl")});
+  s.seedGenerator(3);
+  std::mt19937 draws(4);
+  int blocked = 0, rays = 0;
+  for (int sensor = 0; sensor < 200; ++sensor) {
+    V3 p, n;
+    ASSERT_TRUE(s.randomPlacement(p, n));
+    const V3 origin = p + 0.001f * n;
+    RayPacket packet;
+    bool single[RayPacket::kSize];
+    for (int lane = 0; lane < RayPacket::kSize; ++lane) {
+      V3 direction(drawUnitDouble(draws) - 0.5, drawUnitDouble(draws) - 0.5, drawUnitDouble(draws) - 0.5);
+      direction = (direction.normalized() + n).normalized();
+      packet.set(lane, origin.data(), direction.data(), kRayNear, std::numeric_limits<float>::infinity());
+      single[lane] = s.castRay(origin, direction, kRayNear, std::numeric_limits<float>::infinity());
+    }
+    const int count = RayPacket::kSize - sensor % 3;
+    s.castRays(packet, count);
+    for (int lane = 0; lane < count; ++lane, ++rays) {
+      ASSERT_EQ(packet.blocked[lane], single[lane]) << sensor << " " << lane;
+      blocked += single[lane] ? 1 : 0;
+    }
+  }
+  EXPECT_GT(blocked, rays / 20);
+  EXPECT_LT(blocked, rays - rays / 20);
 }
 
 TEST(SensorFits, FlatFacesFitAndConvexEdgesDoNot) {
@@ -161,7 +213,11 @@ TEST(RayQueries, AllocateNothing) {
 
   int hits = 0;
   EXPECT_EQ(countAllocations([&] {
+              RayPacket packet;
               for (int i = 0; i < 1000; ++i) {
+                const float down[3] = {0, 0, -1}, start[3] = {0.0001f * i - 0.05f, 0, 1.05f};
+                packet.set(i % RayPacket::kSize, start, down, 0, 2);
+                if (i % RayPacket::kSize == RayPacket::kSize - 1) s->castRays(packet, RayPacket::kSize);
                 const V3 p(0.0001f * i - 0.05f, 0, 0.05f);
                 hits += s->castRay(p + V3(0, 0, 1), V3(0, 0, -1), 0, 2) + s->sensorFits(p, V3(0, 0, 1)) +
                         s->isOnSurface(p, V3(0, 0, 1)) + isSensorVisible({&model, 0, s.get()}, kFront);
