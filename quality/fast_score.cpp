@@ -10,6 +10,7 @@
 #include "common/worker_pool.h"
 #include "observation/sweep_model.h"
 #include "quality/coverage_evaluator.h"
+#include "quality/score_lanes.h"
 #include "quality/score_scratch.h"
 #include "surface/ray_scene.h"
 #include "surface/tracked_surface.h"
@@ -38,87 +39,13 @@ constexpr double kDirectionBands = 24.0;
 // without asking it.
 constexpr double kIncidenceMargin = 1e-7;
 
-// A sensor's share of a sample's information matrix in fixed point: the upper
-// triangle of r0 r0^T + r1 r1^T without the (0, 1) entry, then r0 and r1
-// without their zero entries (r0 has none in y, r1 none in x), then a count
-// of shares too large for the fixed point, and padding to 32.
-constexpr int kShareSize = 32;
-constexpr int kOuterEntries = 20;
-constexpr int kFirstRowAt = 20;
-constexpr int kSecondRowAt = 25;
-constexpr int kOversizedAt = 30;
-constexpr int kOuterIndex[kOuterEntries][2] = {{0, 0}, {0, 2}, {0, 3}, {0, 4}, {0, 5}, {1, 1}, {1, 2},
-                                               {1, 3}, {1, 4}, {1, 5}, {2, 2}, {2, 3}, {2, 4}, {2, 5},
-                                               {3, 3}, {3, 4}, {3, 5}, {4, 4}, {4, 5}, {5, 5}};
-constexpr int kFirstRowColumns[5] = {0, 2, 3, 4, 5};
-constexpr int kSecondRowColumns[5] = {1, 2, 3, 4, 5};
-
-// The largest fixed-point entry of one share: 64 of them still fit in 63 bits.
-constexpr double kEntryLimit = 72057594037927936.0;  // 2^56
 // Room above the largest row of the first placement, for sensors that move
 // to places with larger rows, where nothing better bounds them.
 constexpr double kEntryHeadroom = 4.0;
 
-// The share of a sensor that is not seen.
-alignas(64) constexpr int64_t kNoShare[kShareSize] = {};
-
 constexpr float kRayFar = std::numeric_limits<float>::infinity();
 
-// total = old - removed + added, entry by entry; the four never overlap.
-void exchangeShare(int64_t* __restrict__ total, const int64_t* __restrict__ old, const int64_t* __restrict__ removed,
-                   const int64_t* __restrict__ added) {
-  for (int e = 0; e < kShareSize; ++e) total[e] = old[e] - removed[e] + added[e];
-}
-
 }  // namespace
-
-StationRotation stationRotation(const double rotationVector[3]) {
-  StationRotation frame;
-  const PoseJet omega[3] = {PoseJet(rotationVector[0], 0), PoseJet(rotationVector[1], 1),
-                            PoseJet(rotationVector[2], 2)};
-  PoseJet q[4];
-  ceres::AngleAxisToQuaternion(omega, q);
-  for (int i = 0; i < 3; ++i) {
-    PoseJet unit[3] = {PoseJet(0.0), PoseJet(0.0), PoseJet(0.0)};
-    unit[i] = PoseJet(1.0);
-    PoseJet X[3];
-    ceres::UnitQuaternionRotatePoint(q, unit, X);
-    for (int c = 0; c < 3; ++c) {
-      frame.rotation[c * 3 + i] = X[c].a;
-      for (int j = 0; j < 3; ++j) frame.derivative[i * 9 + c * 3 + j] = X[c].v[j];
-    }
-  }
-  return frame;
-}
-
-void twoSweepRows(const StationRotation& frame, const double translation[3], const double point[3], double rows[12]) {
-  const double* R = frame.rotation;
-  const double px = point[0], py = point[1], pz = point[2];
-  const double x = R[0] * px + R[1] * py + R[2] * pz + translation[0];
-  const double y = R[3] * px + R[4] * py + R[5] * pz + translation[1];
-  const double z = R[6] * px + R[7] * py + R[8] * pz + translation[2];
-  // dX/domega, row c, column j.
-  double M[9];
-  const double* D = frame.derivative;
-  for (int e = 0; e < 9; ++e) M[e] = px * D[e] + py * D[9 + e] + pz * D[18 + e];
-
-  // The gradients of atan2(-z, x) and atan2(-z, -y) in X; the translation
-  // enters X with the identity.
-  const double inverse0 = 1.0 / (x * x + z * z);
-  const double g0x = z * inverse0, g0z = -x * inverse0;
-  const double inverse1 = 1.0 / (y * y + z * z);
-  const double g1y = -z * inverse1, g1z = y * inverse1;
-  rows[0] = g0x;
-  rows[1] = 0.0;
-  rows[2] = g0z;
-  rows[6] = 0.0;
-  rows[7] = g1y;
-  rows[8] = g1z;
-  for (int j = 0; j < 3; ++j) {
-    rows[3 + j] = g0x * M[j] + g0z * M[6 + j];
-    rows[9 + j] = g1y * M[3 + j] + g1z * M[6 + j];
-  }
-}
 
 struct FastScorer::SampleFrame {
   double quaternion[4];      // the sample's, w x y z, as the visibility test takes it
@@ -136,6 +63,10 @@ struct FastScorer::WorkerScratch {
   ScoreScratch score;
   RayPacket packet;
   int32_t laneSample[RayPacket::kSize];
+  LaneFrames frames;
+  LaneSums sums;
+  LaneSolve solve;
+  LaneRows rows;
 };
 
 struct FastScorer::TaskCounts {
@@ -151,6 +82,8 @@ FastScorer::~FastScorer() = default;
 void FastScorer::ensureScratch(int workers) {
   while (static_cast<int>(scratch_.size()) < workers) scratch_.push_back(std::make_unique<WorkerScratch>());
 }
+
+int64_t* FastScorer::totalOf(int32_t s) { return totalOf(s, totalSlot_[static_cast<size_t>(s)]); }
 
 int64_t* FastScorer::totalOf(int32_t s, int slot) {
   return totals_.data() + (static_cast<size_t>(s) * 2 + static_cast<size_t>(slot)) * kShareSize;
@@ -194,46 +127,6 @@ bool FastScorer::visible(int32_t s, int32_t sensor, const FacingTest& facing) co
   return isSensorVisible(evaluator_.observations->visibilityTests[static_cast<size_t>(sensor)], pose);
 }
 
-void FastScorer::sensorRows(int32_t s, const double point[3], double rows[12]) const {
-  twoSweepRows(frames_[static_cast<size_t>(s)].station, translation_, point, rows);
-  for (int j = 3; j < 6; ++j) {
-    rows[j] *= rotationScale_;
-    rows[6 + j] *= rotationScale_;
-  }
-}
-
-void FastScorer::quantizeShare(const double rows[12], int64_t share[]) const {
-  const double* r0 = rows;
-  const double* r1 = rows + 6;
-  double values[kOversizedAt];
-  SENSORLAY_UNROLL for (int e = 0; e < kOuterEntries; ++e) {
-    const int i = kOuterIndex[e][0], j = kOuterIndex[e][1];
-    values[e] = r0[i] * r0[j] + r1[i] * r1[j];
-  }
-  SENSORLAY_UNROLL for (int e = 0; e < 5; ++e) {
-    values[kFirstRowAt + e] = r0[kFirstRowColumns[e]];
-    values[kSecondRowAt + e] = r1[kSecondRowColumns[e]];
-  }
-  bool fits = true;
-  SENSORLAY_UNROLL for (int e = 0; e < kOversizedAt; ++e) {
-    const double v = values[e] * fixedScale_;
-    // Also false for not-a-number.
-    fits = fits && std::fabs(v) <= kEntryLimit;
-    // Truncation, the plain conversion: any fixed rule serves, as long as a
-    // share is always the same number for the same rows.
-    share[e] = fits ? static_cast<int64_t>(v) : 0;
-  }
-  if (!fits) {
-    // Left out of the sums; a sample that sees this sensor goes to the
-    // reference computation instead.
-    std::fill(share, share + kShareSize, 0);
-    share[kOversizedAt] = 1;
-    return;
-  }
-  share[kOversizedAt] = 0;
-  share[kOversizedAt + 1] = 0;
-}
-
 double FastScorer::referenceValue(int32_t s, uint64_t mask, int worker) {
   // The steps of scorePlacement for one sample, on this worker's buffers and
   // with the visible sensors given by `mask` instead of the shared bit list.
@@ -271,76 +164,41 @@ double FastScorer::referenceValue(int32_t s, uint64_t mask, int worker) {
   return evaluator_.score.valueOf(diagonal);
 }
 
-double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, int worker, bool& reference) {
+double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, const LaneSolve& solve, int lane,
+                              int worker, bool& reference) {
   const SampleFrame& f = frames_[static_cast<size_t>(s)];
   reference = false;
   const int seen = __builtin_popcountll(mask);
   if (seen == 0) return evaluator_.score.unseenTerm(f.weight);
   if (seen > kMaxSensors) return kNoAnswer * f.weight;
-  if (seen < 3 || total[kOversizedAt] != 0) {
+  // Views of fewer than 3 sensors are singular, and a pivot that is small
+  // against its diagonal entry means the columns are close to dependent: the
+  // reference's LU decides those.
+  if (seen < 3 || total[kOversizedAt] != 0 || !solve.solved[lane]) {
     reference = true;
     return referenceValue(s, mask, worker) * f.weight;
   }
-
-  // A = J^T W J = (S - g (a a^T + b b^T)) / s2, with S the sum of the rows'
-  // outer products and a, b the sums of the first and the second rows. The
-  // 1 / s2 is applied to the variances at the end.
-  const double unit = 1.0 / fixedScale_;
-  double a[6] = {}, b[6] = {};
-  SENSORLAY_UNROLL for (int e = 0; e < 5; ++e) {
-    a[kFirstRowColumns[e]] = static_cast<double>(total[kFirstRowAt + e]) * unit;
-    b[kSecondRowColumns[e]] = static_cast<double>(total[kSecondRowAt + e]) * unit;
-  }
-  double A[6][6];
-  A[0][1] = A[1][0] = -kSharedAngleShare * (a[0] * a[1] + b[0] * b[1]);
-  SENSORLAY_UNROLL for (int e = 0; e < kOuterEntries; ++e) {
-    const int i = kOuterIndex[e][0], j = kOuterIndex[e][1];
-    A[i][j] = A[j][i] = static_cast<double>(total[e]) * unit - kSharedAngleShare * (a[i] * a[j] + b[i] * b[j]);
-  }
-
-  // LDL^T. A pivot that is small against its diagonal entry means the
-  // columns are close to dependent: the reference's LU decides those.
-  double L[6][6];
-  double d[6], inverseD[6];
-  SENSORLAY_UNROLL for (int j = 0; j < 6; ++j) {
-    double LD[6];  // L[j][k] d[k]
-    double pivot = A[j][j];
-    SENSORLAY_UNROLL for (int k = 0; k < j; ++k) {
-      LD[k] = L[j][k] * d[k];
-      pivot -= L[j][k] * LD[k];
-    }
-    if (!(pivot > kPivotFloor * A[j][j])) {
-      reference = true;
-      return referenceValue(s, mask, worker) * f.weight;
-    }
-    d[j] = pivot;
-    inverseD[j] = 1.0 / pivot;
-    SENSORLAY_UNROLL for (int i = j + 1; i < 6; ++i) {
-      double v = A[i][j];
-      SENSORLAY_UNROLL for (int k = 0; k < j; ++k) v -= L[i][k] * LD[k];
-      L[i][j] = v * inverseD[j];
-    }
-  }
-  // diag(A^-1) from the unit lower inverse: (A^-1)_ii = sum_r (L^-1)_ri^2 / d_r.
-  double variance[6];
-  SENSORLAY_UNROLL for (int i = 0; i < 6; ++i) {
-    double column[6];
-    column[i] = 1.0;
-    double sum = inverseD[i];
-    SENSORLAY_UNROLL for (int r = i + 1; r < 6; ++r) {
-      double v = 0.0;
-      SENSORLAY_UNROLL for (int k = i; k < r; ++k) v -= L[r][k] * column[k];
-      column[r] = v;
-      sum += v * v * inverseD[r];
-    }
-    variance[i] = sum * kAngleVariance;
-  }
-  // The rotation columns were scaled up by rotationScale_ before the sums.
-  const double rotationUnit = rotationScale_ * rotationScale_;
-  const double x = std::sqrt(variance[0] + variance[1] + variance[2]) +
-                   std::sqrt((variance[3] + variance[4] + variance[5]) * rotationUnit);
+  const double x = std::sqrt(solve.position[lane]) + std::sqrt(solve.rotation[lane]);
   const double value = std::isnan(x) ? kNoAnswer : evaluator_.score.curve(x);
   return value * f.weight;
+}
+
+void FastScorer::solveBatch(const int32_t* samples, int count, int worker, TaskCounts& counts) {
+  WorkerScratch& w = *scratch_[static_cast<size_t>(worker)];
+  for (int lane = 0; lane < kLanes; ++lane) {
+    // Unused lanes repeat the first sample.
+    const int64_t* total = totalOf(samples[lane < count ? lane : 0]);
+    for (int e = 0; e < kShareSize; ++e) w.sums.entry[e][lane] = total[e];
+  }
+  solveLanes(w.sums, scales_, kPivotFloor, w.solve);
+  for (int lane = 0; lane < count; ++lane) {
+    const int32_t s = samples[lane];
+    bool reference = false;
+    terms_[static_cast<size_t>(s)] =
+        sampleTerm(s, masks_[static_cast<size_t>(s)], totalOf(s), w.solve, lane, worker, reference);
+    ++counts.evaluated;
+    counts.reference += reference ? 1 : 0;
+  }
 }
 
 void FastScorer::castPacket(WorkerScratch& w, int lanes, uint64_t& seen) const {
@@ -400,70 +258,109 @@ void FastScorer::evaluateMove(int32_t first, int32_t end, int worker, TaskCounts
   if (lanes > 0) castPacket(w, lanes, after);
 
   // A sample where the sensor is unseen before and after keeps its term bit
-  // for bit.
+  // for bit; the others are worked out kLanes at a time.
   const uint64_t changed = before | after;
+  if (after != 0) counts.seen |= bit;
+  int32_t batch[kLanes];
+  int count = 0;
   for (uint64_t m = changed; m != 0; m &= m - 1) {
-    const int offset = __builtin_ctzll(m);
-    const int32_t s = first + offset;
+    batch[count++] = first + __builtin_ctzll(m);
+    if (count == kLanes || (m & (m - 1)) == 0) {
+      moveBatch(batch, count, before >> (batch[0] - first), after >> (batch[0] - first), batch[0], worker, counts);
+      count = 0;
+    }
+  }
+}
+
+void FastScorer::moveBatch(const int32_t* samples, int count, uint64_t before, uint64_t after, int32_t base, int worker,
+                           TaskCounts& counts) {
+  const Trial& t = trial_;
+  const uint64_t bit = uint64_t{1} << t.sensor;
+  WorkerScratch& w = *scratch_[static_cast<size_t>(worker)];
+  uint32_t removing = 0, adding = 0;
+  for (int lane = 0; lane < kLanes; ++lane) {
+    // Unused lanes repeat the first sample and leave its sum as it is.
+    const int32_t s = samples[lane < count ? lane : 0];
     const size_t at = static_cast<size_t>(s);
-    const bool seenAfter = (after >> offset & 1) != 0;
-    const bool seenBefore = (before >> offset & 1) != 0;
+    w.frames.set(lane, frames_[at].station);
+    const int64_t* total = totalOf(s, totalSlot_[at]);
+    for (int e = 0; e < kShareSize; ++e) w.sums.entry[e][lane] = total[e];
+    if (lane >= count) continue;
+    removing |= static_cast<uint32_t>(before >> (s - base) & 1) << lane;
+    adding |= static_cast<uint32_t>(after >> (s - base) & 1) << lane;
+  }
+  // The new sums: the old ones, less the sensor's shares at its old place,
+  // plus its shares at the new one. Exact in fixed point, so each is the
+  // same as if it had been added up from nothing, and an old share, worked
+  // out again, is the very one that was added.
+  exchangeShareLanes(w.frames, scales_, t.committedPoint, removing, t.point, adding, w.sums);
+  solveLanes(w.sums, scales_, kPivotFloor, w.solve);
+  for (int lane = 0; lane < count; ++lane) {
+    const int32_t s = samples[lane];
+    const size_t at = static_cast<size_t>(s);
     touched_[at] = 1;
     previousMasks_[at] = masks_[at];
     previousTerms_[at] = terms_[at];
-
-    // The new sum in the free slot: the old one, less the sensor's share at
-    // its old place, plus its share at the new one. Exact in fixed point, so
-    // the sum is the same as if it had been added up from nothing, and the
-    // old share, worked out again, is the very one that was added.
-    const int64_t* oldTotal = totalOf(s, totalSlot_[at]);
+    // Into the free slot.
     int64_t* total = totalOf(s, totalSlot_[at] ^ 1);
-    alignas(64) int64_t removed[kShareSize];
-    alignas(64) int64_t added[kShareSize];
-    double rows[12];
-    if (seenBefore) {
-      sensorRows(s, t.committedPoint, rows);
-      quantizeShare(rows, removed);
-    }
-    if (seenAfter) {
-      sensorRows(s, t.point, rows);
-      quantizeShare(rows, added);
-      counts.seen |= bit;
-    }
-    exchangeShare(total, oldTotal, seenBefore ? removed : kNoShare, seenAfter ? added : kNoShare);
-    const uint64_t mask = seenAfter ? (masks_[at] | bit) : (masks_[at] & ~bit);
+    for (int e = 0; e < kShareSize; ++e) total[e] = w.sums.entry[e][lane];
+    const uint64_t mask = (adding >> lane & 1) != 0 ? (masks_[at] | bit) : (masks_[at] & ~bit);
     masks_[at] = mask;
     bool reference = false;
-    terms_[at] = sampleTerm(s, mask, total, worker, reference);
+    terms_[at] = sampleTerm(s, mask, total, w.solve, lane, worker, reference);
     ++counts.evaluated;
     counts.reference += reference ? 1 : 0;
   }
 }
 
-void FastScorer::evaluateSampleFully(int32_t s, int worker, TaskCounts& counts) {
-  const size_t at = static_cast<size_t>(s);
-  int64_t* total = totalOf(s, 0);
-  std::fill(total, total + kShareSize, 0);
-  totalSlot_[at] = 0;
-  masks_[at] = 0;
-  if (frames_[at].skipped) return;
-  uint64_t mask = 0;
-  for (int32_t k = 0; k < sensorCount_; ++k)
-    if (visible(s, k, FacingTest(*evaluator_.model, k))) mask |= uint64_t{1} << k;
-  masks_[at] = mask;
-  for (uint64_t m = mask; m != 0; m &= m - 1) {
-    const int32_t k = __builtin_ctzll(m);
-    double rows[12];
-    sensorRows(s, committed_.data() + 3 * k, rows);
-    alignas(64) int64_t share[kShareSize];
-    quantizeShare(rows, share);
-    for (int e = 0; e < kShareSize; ++e) total[e] += share[e];
+void FastScorer::evaluateBlockFully(int32_t first, int32_t end, int worker, TaskCounts& counts) {
+  WorkerScratch& w = *scratch_[static_cast<size_t>(worker)];
+  uint64_t used = 0;
+  for (int32_t s = first; s < end; ++s) {
+    const size_t at = static_cast<size_t>(s);
+    int64_t* total = totalOf(s, 0);
+    std::fill(total, total + kShareSize, 0);
+    totalSlot_[at] = 0;
+    masks_[at] = 0;
+    if (frames_[at].skipped) continue;
+    used |= uint64_t{1} << (s - first);
+    uint64_t mask = 0;
+    for (int32_t k = 0; k < sensorCount_; ++k)
+      if (visible(s, k, FacingTest(*evaluator_.model, k))) mask |= uint64_t{1} << k;
+    masks_[at] = mask;
+    counts.seen |= mask;
   }
-  counts.seen |= mask;
-  bool reference = false;
-  terms_[at] = sampleTerm(s, mask, total, worker, reference);
-  ++counts.evaluated;
-  counts.reference += reference ? 1 : 0;
+  // Each sensor's shares added where it is seen, kLanes samples at a time.
+  int32_t batch[kLanes];
+  for (int32_t k = 0; k < sensorCount_; ++k) {
+    const double* point = committed_.data() + static_cast<size_t>(k) * 3;
+    int count = 0;
+    for (int32_t s = first; s < end; ++s) {
+      if ((masks_[static_cast<size_t>(s)] >> k & 1) != 0) batch[count++] = s;
+      if (count == kLanes || (count > 0 && s + 1 == end)) {
+        for (int lane = 0; lane < kLanes; ++lane) {
+          const int32_t b = batch[lane < count ? lane : 0];
+          w.frames.set(lane, frames_[static_cast<size_t>(b)].station);
+          const int64_t* total = totalOf(b);
+          for (int e = 0; e < kShareSize; ++e) w.sums.entry[e][lane] = total[e];
+        }
+        exchangeShareLanes(w.frames, scales_, point, 0, point, (1u << count) - 1, w.sums);
+        for (int lane = 0; lane < count; ++lane) {
+          int64_t* total = totalOf(batch[lane]);
+          for (int e = 0; e < kShareSize; ++e) total[e] = w.sums.entry[e][lane];
+        }
+        count = 0;
+      }
+    }
+  }
+  int count = 0;
+  for (uint64_t m = used; m != 0; m &= m - 1) {
+    batch[count++] = first + __builtin_ctzll(m);
+    if (count == kLanes || (m & (m - 1)) == 0) {
+      solveBatch(batch, count, worker, counts);
+      count = 0;
+    }
+  }
 }
 
 void FastScorer::finish() {
@@ -527,14 +424,14 @@ bool FastScorer::chooseScalesFromReach() {
 
 void FastScorer::chooseScales(double translationSize, double rotationSize) {
   // Rotation columns brought to the size of the translation columns.
-  rotationScale_ = rotationSize > 0.0 ? nearestPowerOfTwo(translationSize / rotationSize) : 1.0;
-  const double rowSize = std::max(translationSize, rotationSize * rotationScale_);
+  scales_.rotationScale = rotationSize > 0.0 ? nearestPowerOfTwo(translationSize / rotationSize) : 1.0;
+  const double rowSize = std::max(translationSize, rotationSize * scales_.rotationScale);
   // A share holds rows and sums of two products of rows; twice that for
   // safety.
   const double entrySize = 2.0 * std::max(rowSize, 2.0 * rowSize * rowSize);
-  fixedScale_ = entrySize > 0.0 && std::isfinite(entrySize)
-                    ? std::ldexp(1.0, static_cast<int>(std::floor(std::log2(kEntryLimit / entrySize))))
-                    : std::ldexp(1.0, 50);
+  scales_.fixedScale = entrySize > 0.0 && std::isfinite(entrySize)
+                           ? std::ldexp(1.0, static_cast<int>(std::floor(std::log2(kEntryLimit / entrySize))))
+                           : std::ldexp(1.0, 50);
 }
 
 void FastScorer::orderSamples() {
@@ -584,7 +481,9 @@ double FastScorer::scoreAll() {
 
   sensorCount_ = static_cast<int32_t>(set->visibilityTests.size());
   sampleCount_ = static_cast<int32_t>(evaluator_.score.samples.size());
-  for (int i = 0; i < 3; ++i) translation_[i] = evaluator_.position[i];
+  for (int i = 0; i < 3; ++i) translation_[i] = scales_.translation[i] = evaluator_.position[i];
+  scales_.angleVariance = kAngleVariance;
+  scales_.sharedAngleShare = kSharedAngleShare;
 
   const size_t n = static_cast<size_t>(sampleCount_);
   orderSamples();
@@ -627,18 +526,19 @@ double FastScorer::scoreAll() {
   if (!chooseScalesFromReach()) {
     // Scales from the rows of the present placement instead.
     std::vector<double> largest(n * 2, 0.0);
-    rotationScale_ = 1.0;
-    forEachTask([&](int32_t first, int32_t end, int, TaskCounts&) {
+    scales_.rotationScale = 1.0;
+    forEachTask([&](int32_t first, int32_t end, int worker, TaskCounts&) {
+      WorkerScratch& w = *scratch_[static_cast<size_t>(worker)];
       for (int32_t s = first; s < end; ++s) {
         const size_t at = static_cast<size_t>(s);
         if (frames_[at].skipped) continue;
+        for (int lane = 0; lane < kLanes; ++lane) w.frames.set(lane, frames_[at].station);
         for (int32_t k = 0; k < sensorCount_; ++k) {
           if (!visible(s, k, FacingTest(*evaluator_.model, k))) continue;
-          double rows[12];
-          sensorRows(s, evaluator_.model->points[static_cast<size_t>(k)].data(), rows);
+          sensorRowLanes(w.frames, scales_, committed_.data() + static_cast<size_t>(k) * 3, w.rows);
           for (int j = 0; j < 6; ++j) {
             double& slot = largest[at * 2 + (j < 3 ? 0 : 1)];
-            slot = std::max(slot, std::max(std::fabs(rows[j]), std::fabs(rows[6 + j])));
+            slot = std::max(slot, std::max(std::fabs(w.rows.value[j][0]), std::fabs(w.rows.value[6 + j][0])));
           }
         }
       }
@@ -654,7 +554,7 @@ double FastScorer::scoreAll() {
   }
 
   forEachTask([this](int32_t first, int32_t end, int worker, TaskCounts& counts) {
-    for (int32_t s = first; s < end; ++s) evaluateSampleFully(s, worker, counts);
+    evaluateBlockFully(first, end, worker, counts);
   });
   finish();
   return sumTerms();

@@ -24,28 +24,14 @@
 #include <memory>
 #include <vector>
 
+#include "quality/score_lanes.h"
+
 namespace sensorlay {
 
 class CoverageEvaluator;
 class TrackedSurface;
 class WorkerPool;
 struct SensorModel;
-
-// The station-frame rotation R(omega) of a rotation vector, formed the way the
-// Jacobian forms it, and its derivatives with respect to the vector's three
-// numbers: derivative[i * 9 + c * 3 + j] = d(R e_i)_c / d omega_j. A sensor's
-// place R p + t and its derivatives are linear in p, so these serve every
-// sensor of a sample.
-struct StationRotation {
-  double rotation[9];  // row-major
-  double derivative[27];
-};
-StationRotation stationRotation(const double rotationVector[3]);
-
-// The two rows of the two-sweep station's Jacobian for a sensor at `point`,
-// atan2(-z, x) and atan2(-z, -y) of X = R p + t, in closed form: columns 0 to
-// 2 the translation, 3 to 5 the rotation vector.
-void twoSweepRows(const StationRotation& frame, const double translation[3], const double point[3], double rows[12]);
 
 class FastScorer {
  public:
@@ -112,15 +98,18 @@ class FastScorer {
     float origin[3];  // of its rays
   };
 
-  void evaluateSampleFully(int32_t s, int worker, TaskCounts& counts);
+  void evaluateBlockFully(int32_t first, int32_t end, int worker, TaskCounts& counts);
   void evaluateMove(int32_t first, int32_t end, int worker, TaskCounts& counts);
   void castPacket(WorkerScratch& w, int lanes, uint64_t& seen) const;
+  void moveBatch(const int32_t* samples, int count, uint64_t before, uint64_t after, int32_t base, int worker,
+                 TaskCounts& counts);
+  void solveBatch(const int32_t* samples, int count, int worker, TaskCounts& counts);
   void settle(size_t s);
-  void sensorRows(int32_t s, const double point[3], double rows[12]) const;
-  void quantizeShare(const double rows[12], int64_t share[]) const;
-  double sampleTerm(int32_t s, uint64_t mask, const int64_t* total, int worker, bool& reference);
+  double sampleTerm(int32_t s, uint64_t mask, const int64_t* total, const LaneSolve& solve, int lane, int worker,
+                    bool& reference);
   double referenceValue(int32_t s, uint64_t mask, int worker);
   bool visible(int32_t s, int32_t sensor, const FacingTest& facing) const;
+  int64_t* totalOf(int32_t s);  // the slot in use
   int64_t* totalOf(int32_t s, int slot);
   template <class Task>
   void forEachTask(Task&& task);
@@ -138,10 +127,7 @@ class FastScorer {
   int32_t sampleCount_ = 0;
   int32_t lastSample_ = -1;  // the last sample that is not skipped
   double translation_[3] = {0.0, 0.0, 0.0};
-  // Rotation columns are multiplied by this power of two before the sums, so
-  // that both kinds of column have the same size in fixed point.
-  double rotationScale_ = 1.0;
-  double fixedScale_ = 1.0;  // fixed point = value * fixedScale_, a power of two
+  ShareScales scales_;
 
   // Everything per sample below is held in the order the samples are worked
   // in: order_[p] is the sample at place p, position_[s] the place of sample s.

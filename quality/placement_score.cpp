@@ -62,17 +62,20 @@ void informationInverse(const Eigen::MatrixXd& measurementInformation, ScoreScra
   scratch.lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(C);
 }
 
-void covarianceDiagonal(const Eigen::MatrixXd& measurementInformation, const double* jacobian, int32_t rows,
-                        double diagonal[6]) {
-  assert(rows >= 1 && rows <= kSmallViewRows);
-  const double* J = jacobian;  // J(k, i) = J[k * 6 + i]
+namespace {
+
+// covarianceDiagonal for a row count known when compiled: the loops unroll.
+template <int rows>
+void smallCovarianceDiagonal(const double* W, Eigen::Index stride, const double* J, double diagonal[6]) {
+  // W(k, c) = W[c * stride + k], J(k, i) = J[k * 6 + i].
   // J^T W, then A = (J^T W) J: at this size the library forms each entry as a
   // sum over k from the first product on, in order.
   double WT[6][kSmallViewRows];
   for (int i = 0; i < 6; ++i)
     for (int c = 0; c < rows; ++c) {
-      double sum = J[i] * measurementInformation(0, c);
-      for (int k = 1; k < rows; ++k) sum += J[k * 6 + i] * measurementInformation(k, c);
+      const double* column = W + c * stride;
+      double sum = J[i] * column[0];
+      for (int k = 1; k < rows; ++k) sum += J[k * 6 + i] * column[k];
       WT[i][c] = sum;
     }
   double A[6][6];
@@ -140,6 +143,29 @@ void covarianceDiagonal(const Eigen::MatrixXd& measurementInformation, const dou
     x[0] -= x[1] * A[0][1];
     x[0] *= 1.0 / A[0][0];
     diagonal[column] = x[column];
+  }
+}
+
+}  // namespace
+
+void covarianceDiagonal(const Eigen::MatrixXd& measurementInformation, const double* jacobian, int32_t rows,
+                        double diagonal[6]) {
+  assert(rows >= 1 && rows <= kSmallViewRows && measurementInformation.rows() >= rows);
+  const double* W = measurementInformation.data();
+  const Eigen::Index stride = measurementInformation.outerStride();
+  switch (rows) {
+    case 1:
+      return smallCovarianceDiagonal<1>(W, stride, jacobian, diagonal);
+    case 2:
+      return smallCovarianceDiagonal<2>(W, stride, jacobian, diagonal);
+    case 3:
+      return smallCovarianceDiagonal<3>(W, stride, jacobian, diagonal);
+    case 4:
+      return smallCovarianceDiagonal<4>(W, stride, jacobian, diagonal);
+    case 5:
+      return smallCovarianceDiagonal<5>(W, stride, jacobian, diagonal);
+    default:
+      return smallCovarianceDiagonal<6>(W, stride, jacobian, diagonal);
   }
 }
 

@@ -12,6 +12,7 @@
 
 #include "observation/sweep_model.h"
 #include "quality/coverage_evaluator.h"
+#include "quality/score_lanes.h"
 #include "surface/tracked_surface.h"
 #include "tests/support/samples.h"
 #include "tests/support/score_runs.h"
@@ -121,6 +122,33 @@ TEST(FastScore, AgreesWithTheReferenceOnTheBundledDevices) {
     walk(search, scorer, pool, 1200, 1e-9, 150);
     EXPECT_TRUE(scorer.incremental());
   }
+}
+
+// The lanes round alike at every vector width the processor has: the same
+// scores bit for bit, move after move.
+TEST(FastScore, EveryVectorWidthGivesTheSameBits) {
+  WorkerPool pool(1);
+  const LaneWidth widest = laneKernelsInUse();
+  std::vector<double> scores[3];
+  for (LaneWidth width : {LaneWidth::Base, LaneWidth::Avx2, LaneWidth::Avx512}) {
+    if (!useLaneKernels(width)) continue;
+    Search search = Search::onDevice("headset.stl", "headset_head.stl", 5, 20, 300);
+    FastScorer scorer(*search.evaluator, pool);
+    std::vector<double>& out = scores[static_cast<int>(width)];
+    out.push_back(scorer.scoreAll());
+    for (int i = 0; i < 200; ++i) {
+      const int32_t sensor = search.pick();
+      const auto old = search.move(sensor);
+      out.push_back(scorer.scoreMove(sensor));
+      if (i % 2 == 1) {
+        search.place(sensor, old.first, old.second);
+        scorer.reject();
+      }
+    }
+  }
+  useLaneKernels(widest);
+  for (int w = 1; w < 3; ++w)
+    if (!scores[w].empty()) EXPECT_EQ(scores[w], scores[0]) << w;
 }
 
 TEST(FastScore, DegenerateFewAndFlatViewsAgree) {

@@ -1,0 +1,3 @@
+// The lane kernels for AVX512 processors (CMakeLists.txt sets the flags).
+#define SENSORLAY_LANES lanesAvx512
+#include "quality/lane_kernels.h"

@@ -1,0 +1,105 @@
+#pragma once
+// The fast score's arithmetic on eight samples at once, one per lane of a
+// vector: a sensor's share of each sample's information matrix in fixed
+// point, and the 6 x 6 solve of each sample's sum. Every lane goes through
+// the same operations in the same order, without fused multiply-adds, so that
+// a sample's numbers do not depend on its lane, its neighbours or the vector
+// width; only the time does. The functions use the widest vectors the
+// processor has (quality/lane_kernels.h, built once per width).
+
+#include <cstdint>
+
+namespace sensorlay {
+
+constexpr int kLanes = 8;
+
+// A sensor's share of a sample's information matrix in fixed point: the upper
+// triangle of r0 r0^T + r1 r1^T without the (0, 1) entry, then r0 and r1
+// without their zero entries (r0 has none in y, r1 none in x), then a count
+// of shares too large for the fixed point, and padding to 32.
+constexpr int kShareSize = 32;
+constexpr int kOuterEntries = 20;
+constexpr int kFirstRowAt = 20;
+constexpr int kSecondRowAt = 25;
+constexpr int kOversizedAt = 30;
+
+// The largest fixed-point entry of one share: 64 of them still fit in 63 bits.
+constexpr double kEntryLimit = 72057594037927936.0;  // 2^56
+
+// The station-frame rotation R(omega) of a sample's rotation vector, formed
+// the way the Jacobian forms it, and its derivatives with respect to the
+// vector's three numbers: derivative[i * 9 + c * 3 + j] = d(R e_i)_c /
+// d omega_j. A sensor's place R p + t and its derivatives are linear in p, so
+// these serve every sensor of a sample.
+struct StationRotation {
+  double rotation[9];  // row-major
+  double derivative[27];
+};
+constexpr int kFrameNumbers = 36;
+StationRotation stationRotation(const double rotationVector[3]);
+
+// What turns rows into shares and sums back into a matrix.
+struct ShareScales {
+  double translation[3] = {0.0, 0.0, 0.0};  // the device's position before the station
+  // Rotation columns are multiplied by this power of two before the sums,
+  // so that both kinds of column have the same size in fixed point.
+  double rotationScale = 1.0;
+  double fixedScale = 1.0;  // fixed point = value * fixedScale, a power of two
+  // The noise model's s2 and g (quality/placement_score.h).
+  double angleVariance = 0.0;
+  double sharedAngleShare = 0.0;
+};
+
+// Entry by entry, lane by lane: sums.entry[e][lane].
+struct alignas(64) LaneSums {
+  int64_t entry[kShareSize][kLanes];
+};
+
+// The station frames of up to kLanes samples, number by number.
+struct alignas(64) LaneFrames {
+  double number[kFrameNumbers][kLanes];
+
+  void set(int lane, const StationRotation& frame) {
+    for (int i = 0; i < 9; ++i) number[i][lane] = frame.rotation[i];
+    for (int i = 0; i < 27; ++i) number[9 + i][lane] = frame.derivative[i];
+  }
+};
+
+// The two rows of the two-sweep station's Jacobian of a sensor at `point` in
+// each lane's frame, atan2(-z, x) and atan2(-z, -y) of X = R p + t in closed
+// form, columns 0 to 2 the translation and 3 to 5 the rotation vector, the
+// latter times rotationScale: rows[c][lane] for c < 6, rows[6 + c][lane].
+struct alignas(64) LaneRows {
+  double value[12][kLanes];
+};
+void sensorRowLanes(const LaneFrames& frames, const ShareScales& scales, const double point[3], LaneRows& rows);
+
+// sums = sums - (lane in `removing`: share at removedPoint) + (lane in
+// `adding`: share at addedPoint), bits of lanes in the masks. Exact: the
+// shares are whole numbers.
+void exchangeShareLanes(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],
+                        uint32_t removing, const double addedPoint[3], uint32_t adding, LaneSums& sums);
+
+// The uncertainty of each lane's sum, A = (S - g (a a^T + b b^T)) / s2 with
+// S the sum of the rows' outer products and a, b the sums of the first and
+// the second rows, by LDL^T: position[lane] the sum of the three position
+// variances, rotation[lane] that of the rotation variances in radians.
+// solved[lane] is false where a pivot fell to `pivotFloor` of its diagonal
+// entry or below: the columns are close to dependent there, and the numbers
+// are not to be used.
+struct alignas(64) LaneSolve {
+  double position[kLanes];
+  double rotation[kLanes];
+  bool solved[kLanes];
+};
+void solveLanes(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out);
+
+// The vector widths the kernels are built for. The widest the processor has
+// is used; a test may ask for a narrower one, which must give the same bits.
+enum class LaneWidth { Base, Avx2, Avx512 };
+// Uses the kernels of `width` from now on; false, with nothing changed, when
+// they are not built or the processor lacks them. Not while a score runs.
+bool useLaneKernels(LaneWidth width);
+LaneWidth laneKernelsInUse();
+
+}  // namespace sensorlay
