@@ -15,6 +15,9 @@ namespace {
 // Spins before a thread blocks: a few microseconds, enough to catch a run
 // that follows straight on, too little to take a shared core from anyone.
 constexpr int kSpins = 256;
+// Spins of a thread kept awake between yields of its core, so that a shared
+// machine's other work still gets its turn.
+constexpr int kAwakeSpinsPerYield = 4096;
 
 inline void cpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -64,6 +67,9 @@ struct WorkerPool::Shared {
   void* context = nullptr;
   int taskCount = 0;
   std::atomic<int> next{0};
+
+  // Live KeepAwake guards.
+  std::atomic<int> awake{0};
 
   // Workers still busy with the current run; the last one wakes the caller.
   std::atomic<int> busy{0};
@@ -129,9 +135,11 @@ void WorkerPool::runErased(int taskCount, Call call, void* context) {
   drain(0);
 
   bool finished = false;
-  for (int spin = 0; spin < kSpins && !finished; ++spin) {
+  for (int spin = 0; !finished && (spin < kSpins || s.awake.load(std::memory_order_relaxed) > 0); ++spin) {
     finished = s.busy.load(std::memory_order_acquire) == 0;
-    if (!finished) cpuRelax();
+    if (finished) break;
+    cpuRelax();
+    if (spin % kAwakeSpinsPerYield == kAwakeSpinsPerYield - 1) std::this_thread::yield();
   }
   if (!finished) {
     std::unique_lock<std::mutex> lock(s.doneMutex);
@@ -139,6 +147,12 @@ void WorkerPool::runErased(int taskCount, Call call, void* context) {
   }
   s.runMutex.unlock();
 }
+
+WorkerPool::KeepAwake::KeepAwake(WorkerPool& pool) : pool_(pool) {
+  pool_.shared_->awake.fetch_add(1, std::memory_order_relaxed);
+}
+
+WorkerPool::KeepAwake::~KeepAwake() { pool_.shared_->awake.fetch_sub(1, std::memory_order_relaxed); }
 
 void WorkerPool::drain(int worker) {
   Shared& s = *shared_;
@@ -156,8 +170,9 @@ void WorkerPool::workerLoop(int worker) {
   uint64_t seen = 0;
   for (;;) {
     uint64_t g = s.generation.load(std::memory_order_acquire);
-    for (int spin = 0; spin < kSpins && g == seen; ++spin) {
+    for (int spin = 0; g == seen && (spin < kSpins || s.awake.load(std::memory_order_relaxed) > 0); ++spin) {
       cpuRelax();
+      if (spin % kAwakeSpinsPerYield == kAwakeSpinsPerYield - 1) std::this_thread::yield();
       g = s.generation.load(std::memory_order_acquire);
     }
     if (g == seen) {

@@ -33,6 +33,22 @@ class WorkerPool {
   // asked for; empty when every thread started.
   const std::string& startProblem() const { return startProblem_; }
 
+  // While one lives, idle workers wait for the next run by spinning rather
+  // than sleeping, and so does the caller for the workers' end of a run: for
+  // a caller that hands out many short runs with short serial gaps between
+  // them, such as a search's trials, where a sleep and a wake-up per run cost
+  // more than the run. The workers go back to sleep when the last one ends.
+  class KeepAwake {
+   public:
+    explicit KeepAwake(WorkerPool& pool);
+    ~KeepAwake();
+    KeepAwake(const KeepAwake&) = delete;
+    KeepAwake& operator=(const KeepAwake&) = delete;
+
+   private:
+    WorkerPool& pool_;
+  };
+
   // Calls task(i) for every i in [0, taskCount) exactly once, spread over the
   // workers and the calling thread, and returns when all calls have returned.
   // Indices are handed out in ascending order, one at a time, as threads come

@@ -9,6 +9,7 @@
 
 #include "common/random_draws.h"
 #include "common/rotation.h"
+#include "common/worker_pool.h"
 #include "quality/fast_score.h"
 #include "surface/tracked_surface.h"
 
@@ -19,6 +20,10 @@ namespace {
 // The acceptance draws are the same sequence in every run, independent of the
 // clock-seeded trial generator.
 constexpr uint32_t acceptanceSeed = 5489;
+
+// Progress dots written at once: the error stream writes each output at
+// once, and a write per trial costs more than a fast trial.
+constexpr int32_t kDotsPerWrite = 256;
 
 }  // namespace
 
@@ -89,7 +94,10 @@ double annealDuration(int32_t trialsPerTemperature, double coolingRate) {
 }
 
 void Annealer::takeSnapshot(Constellation& result) {
-  if (!firstSnapshot && progress != nullptr) *progress << "(" << currentScore << ")";
+  if (!firstSnapshot && progress != nullptr) {
+    writeDots();
+    *progress << "(" << currentScore << ")";
+  }
   bestScore = currentScore;
   firstSnapshot = false;
 
@@ -109,7 +117,7 @@ void Annealer::takeSnapshot(Constellation& result) {
 }
 
 void Annealer::runTrial(double T, double& best, double& current, std::mt19937& acceptance, Constellation& result) {
-  if (progress != nullptr) *progress << '.';
+  if (progress != nullptr && ++pendingDots >= kDotsPerWrite) writeDots();
   pickedSensor = drawInteger(rng, pickLow, pickHigh);
   Eigen::Vector3d& point = model->points[pickedSensor];
   Eigen::Vector3d& normal = model->normals[pickedSensor];
@@ -142,7 +150,16 @@ void Annealer::runTrial(double T, double& best, double& current, std::mt19937& a
   if (trialObserver) trialObserver(pickedSensor, next, accepted);
 }
 
+void Annealer::writeDots() {
+  if (pendingDots == 0 || progress == nullptr) return;
+  static const std::string dots(kDotsPerWrite, '.');
+  progress->write(dots.data(), pendingDots);
+  pendingDots = 0;
+}
+
 void Annealer::anneal(Constellation& result) {
+  // The workers wait through the short serial part of each trial.
+  WorkerPool::KeepAwake awake(*pool);
   std::mt19937 acceptance(acceptanceSeed);
   takeSnapshot(result);
   currentScore = scoreStart();
@@ -155,19 +172,24 @@ void Annealer::anneal(Constellation& result) {
 
   // With every sensor fixed there is nothing to move.
   if (pickLow > pickHigh) {
-    reportReferenceBest();
+    finishAnneal();
     return;
   }
   // Written as >= so that a not-a-number rate ends after one level.
   for (double T = annealStartTemperature; T >= annealEndTemperature; T *= coolingRate) {
     for (int32_t trial = 0; trial < trialsPerTemperature; ++trial) {
       if (stopRequest != nullptr && stopRequest->load(std::memory_order_relaxed)) {
-        reportReferenceBest();
+        finishAnneal();
         return;
       }
       runTrial(T, best, current, acceptance, result);
     }
   }
+  finishAnneal();
+}
+
+void Annealer::finishAnneal() {
+  writeDots();
   reportReferenceBest();
 }
 

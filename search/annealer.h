@@ -128,6 +128,11 @@ class Annealer {
  private:
   double scoreStart();
   void reportReferenceBest();
+  void finishAnneal();
+  // The trials' dots not yet written to `progress`: they go out in batches,
+  // and before anything else is written there.
+  void writeDots();
+  int32_t pendingDots = 0;
   std::unique_ptr<FastScorer> fastScorer;
   // The sensors of the last snapshot in full precision, to score the best
   // placement once more with scorePlacement at the end.

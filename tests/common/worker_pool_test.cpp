@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -18,8 +19,11 @@ TEST(WorkerPool, EveryTaskRunsOnceOnAWorkerOfItsOwn) {
     WorkerPool pool(threads);
     ASSERT_EQ(pool.size(), threads);
     // Many short runs back to back catch a worker that misses or repeats a
-    // run; two overlapping calls must never share a worker number.
-    for (int round = 0; round < 200; ++round)
+    // run; two overlapping calls must never share a worker number. Half of
+    // them with the workers kept awake between runs.
+    for (int round = 0; round < 200; ++round) {
+      std::optional<WorkerPool::KeepAwake> awake;
+      if (round % 2 == 1) awake.emplace(pool);
       for (int tasks : {0, 1, 7, 64}) {
         std::vector<std::atomic<int>> calls(static_cast<size_t>(tasks));
         std::vector<std::atomic<bool>> busy(static_cast<size_t>(threads));
@@ -32,6 +36,7 @@ TEST(WorkerPool, EveryTaskRunsOnceOnAWorkerOfItsOwn) {
         for (const auto& c : calls) ASSERT_EQ(c.load(), 1) << threads << " threads, " << tasks << " tasks";
         ASSERT_FALSE(clash);
       }
+    }
   }
   // No count: one thread per hardware thread.
   const int hardware = static_cast<int>(std::thread::hardware_concurrency());

@@ -147,8 +147,9 @@ TEST(FastScore, EveryVectorWidthGivesTheSameBits) {
     }
   }
   useLaneKernels(widest);
-  for (int w = 1; w < 3; ++w)
+  for (int w = 1; w < 3; ++w) {
     if (!scores[w].empty()) EXPECT_EQ(scores[w], scores[0]) << w;
+  }
 }
 
 TEST(FastScore, DegenerateFewAndFlatViewsAgree) {
