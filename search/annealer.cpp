@@ -233,8 +233,8 @@ Status runAnnealer(AnnealerOptions& options, Constellation& result) {
   try {
     annealer.anneal(result);
   } catch (const std::bad_alloc&) {
-    // The scorer's tables grow with sensors times orientations and are made
-    // before the first trial; a count the machine cannot hold ends here.
+    // The scorer's tables grow with the orientations and are made before the
+    // first trial; a count the machine cannot hold ends here.
     return Status::failure("Not enough memory to search " + std::to_string(options.nSensors) + " sensors over " +
                            std::to_string(options.nOrientations) + " orientations");
   }

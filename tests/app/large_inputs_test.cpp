@@ -73,9 +73,9 @@ TEST(LargeInputs, OrientationsBeyondMemoryEndWithAMessage) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "a sanitizer's shadow memory needs more address space than the limit leaves";
 #endif
-  // The samples fit, but the scorer's tables (32 sensors by 100,000
-  // orientations, 0.8 GB) do not fit the process's address space.
-  const RunResult tables = design("32", "100000", {"prlimit", "--as=800000000"});
+  // The samples fit, but the scorer's tables (about 1 kB per orientation)
+  // do not fit what the process's address space leaves.
+  const RunResult tables = design("32", "100000", {"prlimit", "--as=265000000"});
   EXPECT_EQ(tables.status, 1);
   EXPECT_TRUE(endsWith(tables.err, "\nNot enough memory to search 32 sensors over 100000 orientations\n"))
       << tables.err;
