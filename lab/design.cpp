@@ -21,6 +21,7 @@
 #include "common/random_draws.h"
 #include "common/worker_pool.h"
 #include "lab/cli.h"
+#include "lab/design.h"
 #include "lab/lab.h"
 #include "lab/run_control.h"
 #include "lab/scene.h"
@@ -49,80 +50,9 @@ struct InputRecord {
   std::string role, path;
 };
 
-struct DesignRequest {
-  MeshInputs inputs;
-  DesignSettings settings;
-  int32_t count = 0;
-  std::string prefix;
-  std::string fixedPath;
-  std::optional<uint32_t> seed;
-  int32_t threads = 0;
-  bool quiet = false;
-};
-
-const CommandSpec& designSpec() {
-  static const CommandSpec spec = [] {
-    CommandSpec s{"design", "--sensors S.stl --count N --out PREFIX [--obstacles O.stl]... [options]",
-                  "Searches by simulated annealing for the placement of N sensors on the surface that lets the\n"
-                  "pose be solved best, as sensorlay /generate does, and writes:\n"
-                  "  PREFIX.json           the model (plain JSON, metres) with its \"score\", \"seed\" and \"status\"\n"
-                  "  PREFIX.scad           OpenSCAD view; it imports the meshes by absolute path\n"
-                  "  PREFIX.coverage.json  the coverage summary, as score --json gives it\n"
-                  "  PREFIX.run.json       the run record: command line, version, seed, threads, each input's\n"
-                  "                        path, size and SHA-256, the settings, score, trials, wall time, status\n"
-                  "Every output path is checked before the search, and each file is written whole or not at\n"
-                  "all. The same seed gives the same files, but for the record's times and thread count, on\n"
-                  "any number of threads: the search's trial generator is seeded with the seed, the surface's\n"
-                  "generator with the seed XOR 0x9E3779B9. Without --seed one is drawn from the clock, printed\n"
-                  "and recorded. SIGINT or SIGTERM stops the search at its next trial; the best placement so\n"
-                  "far is written, marked \"interrupted\", and the exit status is 130 or 143. Progress goes to\n"
-                  "the standard error stream: one updating line on a terminal, else a line every 5 seconds.",
-                  meshOptionDefs(),
-                  "  sensorlay-lab design --sensors puck.stl --count 12 --seed 42 --out runs/puck-12\n"
-                  "  sensorlay-lab design --sensors shell.stl --obstacles head.stl --count 20 --min-spacing 8 \\\n"
-                  "      --quality-map front.png --seed 7 --threads 2 --out hmd-20"};
-    s.options.push_back({"count", "N", "number of sensors, fixed ones included, 1 to 32 (required)"});
-    s.options.push_back({"out", "PREFIX", "where the four files go: PREFIX.json, .scad, .coverage.json, .run.json"});
-    s.options.push_back({"fixed", "MODEL.json", "sensors that stay where they are; they count towards --count"});
-    for (const OptionDef& def : scoreSettingDefs()) s.options.push_back(def);
-    for (const OptionDef& def : searchSettingDefs()) s.options.push_back(def);
-    s.options.push_back({"seed", "N", "seed of the search, 0 to 4294967295 (default: drawn from the clock)"});
-    s.options.push_back({"threads", "N", "threads that score the trials (default 0: one per core)"});
-    s.options.push_back({"quiet", nullptr, "no progress report"});
-    return s;
-  }();
-  return spec;
-}
-
 std::string absolutePath(const std::string& path) {
   char buffer[PATH_MAX];
   return realpath(path.c_str(), buffer) != nullptr ? std::string(buffer) : path;
-}
-
-// Path, size and SHA-256 of an input file.
-Result<JsonOut> describeInput(const std::string& path) {
-  struct stat info;
-  if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
-    return Status::failure("cannot read " + path + ": it is not a file that can be read");
-  Sha256 hash;
-  std::FILE* file = std::fopen(path.c_str(), "rb");
-  if (file == nullptr) return Status::failure("cannot read " + path);
-  char buffer[65536];
-  size_t n;
-  int64_t size = 0;
-  while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
-    hash.update(buffer, n);
-    size += static_cast<int64_t>(n);
-  }
-  const bool failed = std::ferror(file) != 0;
-  std::fclose(file);
-  if (failed) return Status::failure("cannot read " + path);
-  JsonOut json = JsonOut::object();
-  json["path"] = path;
-  json["absolutePath"] = absolutePath(path);
-  json["bytes"] = size;
-  json["sha256"] = hash.hexDigest();
-  return json;
 }
 
 // The number of trials the schedule runs: a level of trials at each
@@ -412,6 +342,101 @@ int DesignRun::run() {
 
 }  // namespace
 
+const CommandSpec& designSpec() {
+  static const CommandSpec spec = [] {
+    CommandSpec s{"design", "--sensors S.stl --count N --out PREFIX [--obstacles O.stl]... [options]",
+                  "Searches by simulated annealing for the placement of N sensors on the surface that lets the\n"
+                  "pose be solved best, as sensorlay /generate does, and writes:\n"
+                  "  PREFIX.json           the model (plain JSON, metres) with its \"score\", \"seed\" and \"status\"\n"
+                  "  PREFIX.scad           OpenSCAD view; it imports the meshes by absolute path\n"
+                  "  PREFIX.coverage.json  the coverage summary, as score --json gives it\n"
+                  "  PREFIX.run.json       the run record: command line, version, seed, threads, each input's\n"
+                  "                        path, size and SHA-256, the settings, score, trials, wall time, status\n"
+                  "Every output path is checked before the search, and each file is written whole or not at\n"
+                  "all. The same seed gives the same files, but for the record's times and thread count, on\n"
+                  "any number of threads: the search's trial generator is seeded with the seed, the surface's\n"
+                  "generator with the seed XOR 0x9E3779B9. Without --seed one is drawn from the clock, printed\n"
+                  "and recorded. SIGINT or SIGTERM stops the search at its next trial; the best placement so\n"
+                  "far is written, marked \"interrupted\", and the exit status is 130 or 143. Progress goes to\n"
+                  "the standard error stream: one updating line on a terminal, else a line every 5 seconds.",
+                  meshOptionDefs(),
+                  "  sensorlay-lab design --sensors puck.stl --count 12 --seed 42 --out runs/puck-12\n"
+                  "  sensorlay-lab design --sensors shell.stl --obstacles head.stl --count 20 --min-spacing 8 \\\n"
+                  "      --quality-map front.png --seed 7 --threads 2 --out hmd-20"};
+    s.options.push_back({"count", "N", "number of sensors, fixed ones included, 1 to 32 (required)"});
+    s.options.push_back({"out", "PREFIX", "where the four files go: PREFIX.json, .scad, .coverage.json, .run.json"});
+    s.options.push_back({"fixed", "MODEL.json", "sensors that stay where they are; they count towards --count"});
+    for (const OptionDef& def : scoreSettingDefs()) s.options.push_back(def);
+    for (const OptionDef& def : searchSettingDefs()) s.options.push_back(def);
+    s.options.push_back({"seed", "N", "seed of the search, 0 to 4294967295 (default: drawn from the clock)"});
+    s.options.push_back({"threads", "N", "threads that score the trials (default 0: one per core)"});
+    s.options.push_back({"quiet", nullptr, "no progress report"});
+    return s;
+  }();
+  return spec;
+}
+
+Result<JsonOut> describeInput(const std::string& path) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
+    return Status::failure("cannot read " + path + ": it is not a file that can be read");
+  Sha256 hash;
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) return Status::failure("cannot read " + path);
+  char buffer[65536];
+  size_t n;
+  int64_t size = 0;
+  while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+    hash.update(buffer, n);
+    size += static_cast<int64_t>(n);
+  }
+  const bool failed = std::ferror(file) != 0;
+  std::fclose(file);
+  if (failed) return Status::failure("cannot read " + path);
+  JsonOut json = JsonOut::object();
+  json["path"] = path;
+  json["absolutePath"] = absolutePath(path);
+  json["bytes"] = size;
+  json["sha256"] = hash.hexDigest();
+  return json;
+}
+
+std::string takeDesignOption(DesignRequest& request, const std::string& name, const char* value) {
+  if (name == "count") {
+    const std::optional<int64_t> n = parseWholeNumber(value);
+    if (!n || *n < 1 || *n > kMaxSensors)
+      return badValue(name, value, "a whole number from 1 to " + std::to_string(kMaxSensors));
+    request.count = static_cast<int32_t>(*n);
+    return std::string();
+  }
+  if (name == "out") {
+    request.prefix = value;
+    return request.prefix.empty() ? badValue(name, value, "a path") : std::string();
+  }
+  if (name == "fixed") {
+    request.fixedPath = value;
+    return request.fixedPath.empty() ? badValue(name, value, "a model file") : std::string();
+  }
+  if (name == "seed") {
+    const std::optional<int64_t> n = parseWholeNumber(value);
+    if (!n || *n < 0 || *n > UINT32_MAX) return badValue(name, value, "a whole number from 0 to 4294967295");
+    request.seed = static_cast<uint32_t>(*n);
+    return std::string();
+  }
+  if (name == "threads") {
+    const std::optional<int64_t> n = parseWholeNumber(value);
+    if (!n || *n < 0 || *n > 1024) return badValue(name, value, "a whole number from 0 to 1024");
+    request.threads = static_cast<int32_t>(*n);
+    return std::string();
+  }
+  if (name == "quiet") {
+    request.quiet = true;
+    return std::string();
+  }
+  if (std::optional<std::string> taken = takeMeshOption(request.inputs, name, value)) return *taken;
+  return takeSetting(request.settings, name, value).value_or("--" + name + " is not an option of design");
+}
+
 int runDesign(int argc, char** argv) {
   // As typed: the parser reorders argv.
   JsonOut commandLine = JsonOut::array();
@@ -419,42 +444,9 @@ int runDesign(int argc, char** argv) {
   for (int i = 0; i < argc; ++i) commandLine.append(argv[i]);
   DesignRequest request;
   std::vector<std::string> positionals;
-  const ParseOutcome parsed =
-      parseCommandLine(designSpec(), argc, argv, positionals, [&](const std::string& name, const char* value) {
-        if (name == "count") {
-          const std::optional<int64_t> n = parseWholeNumber(value);
-          if (!n || *n < 1 || *n > kMaxSensors)
-            return badValue(name, value, "a whole number from 1 to " + std::to_string(kMaxSensors));
-          request.count = static_cast<int32_t>(*n);
-          return std::string();
-        }
-        if (name == "out") {
-          request.prefix = value;
-          return request.prefix.empty() ? badValue(name, value, "a path") : std::string();
-        }
-        if (name == "fixed") {
-          request.fixedPath = value;
-          return request.fixedPath.empty() ? badValue(name, value, "a model file") : std::string();
-        }
-        if (name == "seed") {
-          const std::optional<int64_t> n = parseWholeNumber(value);
-          if (!n || *n < 0 || *n > UINT32_MAX) return badValue(name, value, "a whole number from 0 to 4294967295");
-          request.seed = static_cast<uint32_t>(*n);
-          return std::string();
-        }
-        if (name == "threads") {
-          const std::optional<int64_t> n = parseWholeNumber(value);
-          if (!n || *n < 0 || *n > 1024) return badValue(name, value, "a whole number from 0 to 1024");
-          request.threads = static_cast<int32_t>(*n);
-          return std::string();
-        }
-        if (name == "quiet") {
-          request.quiet = true;
-          return std::string();
-        }
-        if (std::optional<std::string> taken = takeMeshOption(request.inputs, name, value)) return *taken;
-        return takeSetting(request.settings, name, value).value_or("--" + name + " is not an option of design");
-      });
+  const ParseOutcome parsed = parseCommandLine(
+      designSpec(), argc, argv, positionals,
+      [&](const std::string& name, const char* value) { return takeDesignOption(request, name, value); });
   if (parsed != ParseOutcome::Run) return parsed == ParseOutcome::Help ? kExitOk : kExitUsage;
   if (!positionals.empty()) {
     usageError("design", "unexpected argument '" + positionals[0] + "'");
