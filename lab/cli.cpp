@@ -102,4 +102,6 @@ std::string badValue(const std::string& name, const char* value, const std::stri
   return "--" + name + " must be " + requirement + ", not '" + (value ? value : "") + "'";
 }
 
+std::string plural(size_t n, const std::string& word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
+
 }  // namespace sensorlay::lab

@@ -60,4 +60,7 @@ std::optional<int64_t> parseWholeNumber(const char* text);
 // "--name must be ..., not 'value'".
 std::string badValue(const std::string& name, const char* value, const std::string& requirement);
 
+// "1 run", "8 runs".
+std::string plural(size_t n, const std::string& word);
+
 }  // namespace sensorlay::lab

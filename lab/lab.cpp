@@ -21,10 +21,13 @@ const char* kProgramHelp =
     "and a record of every design.\n"
     "\n"
     "Subcommands:\n"
-    "  check    what the program makes of the meshes: size, unit, faults, room for a sensor\n"
-    "  score    the design score and coverage of an existing model\n"
-    "  design   search a sensor placement, written as model, script, coverage and run record\n"
-    "  view     one HTML page of a design: device, sensors and coverage sphere, for any browser\n"
+    "  check      what the program makes of the meshes: size, unit, faults, room for a sensor\n"
+    "  score      the design score and coverage of an existing model\n"
+    "  design     search a sensor placement, written as model, script, coverage and run record\n"
+    "  view       one HTML page of a design: device, sensors and coverage sphere, for any browser\n"
+    "  sweep      designs over sensor counts, seeds and variants, here, on GNU parallel or Slurm\n"
+    "  summarize  a sweep's best design per count, its table, CSV, plot and pages\n"
+    "  sweep-run  (internal) one run of a sweep, as its engines start it\n"
     "\n"
     "Exit status: 0 success, 1 a failed run, 2 a wrong command line, 130 or 143 when a design\n"
     "was stopped by SIGINT or SIGTERM after writing what it had.\n"
@@ -33,7 +36,9 @@ const char* kProgramHelp =
     "  sensorlay-lab check --sensors puck.stl\n"
     "  sensorlay-lab design --sensors puck.stl --count 12 --seed 42 --out puck-12\n"
     "  sensorlay-lab score puck-12.json --sensors puck.stl\n"
-    "  sensorlay-lab view puck-12.json --sensors puck.stl --out puck-12.html\n";
+    "  sensorlay-lab view puck-12.json --sensors puck.stl --out puck-12.html\n"
+    "  sensorlay-lab sweep --out puck --counts 8:16:4 --seeds 5 -- --sensors puck.stl\n"
+    "  sensorlay-lab summarize puck\n";
 
 std::string percent(double share) {
   char text[32];
@@ -93,6 +98,9 @@ int runLab(int argc, char** argv) {
   if (std::strcmp(command, "score") == 0) return runScore(argc - 1, argv + 1);
   if (std::strcmp(command, "design") == 0) return runDesign(argc - 1, argv + 1);
   if (std::strcmp(command, "view") == 0) return runView(argc - 1, argv + 1);
+  if (std::strcmp(command, "sweep") == 0) return runSweep(argc - 1, argv + 1);
+  if (std::strcmp(command, "sweep-run") == 0) return runSweepRun(argc - 1, argv + 1);
+  if (std::strcmp(command, "summarize") == 0) return runSummarize(argc - 1, argv + 1);
   std::fprintf(stderr, "sensorlay-lab: unknown subcommand '%s'\ntry 'sensorlay-lab --help'\n", command);
   return kExitUsage;
 }

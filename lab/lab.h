@@ -14,6 +14,9 @@ int runCheck(int argc, char** argv);
 int runScore(int argc, char** argv);
 int runDesign(int argc, char** argv);
 int runView(int argc, char** argv);
+int runSweep(int argc, char** argv);
+int runSweepRun(int argc, char** argv);
+int runSummarize(int argc, char** argv);
 
 // "1.0.0.0", the version of the build.
 const char* labVersion();
