@@ -50,26 +50,12 @@ struct InputRecord {
   std::string role, path;
 };
 
-std::string absolutePath(const std::string& path) {
-  char buffer[PATH_MAX];
-  return realpath(path.c_str(), buffer) != nullptr ? std::string(buffer) : path;
-}
-
 // The number of trials the schedule runs: a level of trials at each
 // temperature from the start down to the end.
 int64_t plannedTrials(int64_t trialsPerLevel, double coolingRate) {
   int64_t levels = 0;
   for (double T = annealStartTemperature; T >= annealEndTemperature; T *= coolingRate) ++levels;
   return levels * trialsPerLevel;
-}
-
-std::string utcNow() {
-  const std::time_t now = std::time(nullptr);
-  std::tm utc;
-  gmtime_r(&now, &utc);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return text;
 }
 
 // The design as sensorlay-lab writes it: the model's keys and what tells
@@ -341,6 +327,20 @@ int DesignRun::run() {
 }
 
 }  // namespace
+
+std::string absolutePath(const std::string& path) {
+  char buffer[PATH_MAX];
+  return realpath(path.c_str(), buffer) != nullptr ? std::string(buffer) : path;
+}
+
+std::string utcNow() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc;
+  gmtime_r(&now, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
 
 const CommandSpec& designSpec() {
   static const CommandSpec spec = [] {

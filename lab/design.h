@@ -30,6 +30,13 @@ const CommandSpec& designSpec();
 // else what is wrong with it.
 std::string takeDesignOption(DesignRequest& request, const std::string& name, const char* value);
 
+// The path with symbolic links and dots resolved from the working folder, or
+// the path as it is when that cannot be done (a file that is not there).
+std::string absolutePath(const std::string& path);
+
+// The time now, in UTC, as 2024-05-01T12:00:00Z.
+std::string utcNow();
+
 // Path, absolute path, size and SHA-256 of an input file, as run records and
 // sweeps keep them.
 Result<JsonOut> describeInput(const std::string& path);

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
+#include <set>
 #include <sstream>
 
 #include "common/files.h"
@@ -17,6 +18,7 @@
 #include "lab/cli.h"
 #include "lab/lab.h"
 #include "lab/processes.h"
+#include "lab/settings.h"
 #include "lab/sweep_folder.h"
 
 namespace sensorlay::lab {
@@ -36,7 +38,9 @@ const CommandSpec& summarizeSpec() {
       "  DIR/summary.csv         one line per planned run: variant, count, seed, score, share of\n"
       "                          directions with a full fix, median position (mm) and rotation\n"
       "                          (degrees) uncertainty, wall time (s), status\n"
-      "  DIR/best/<variant>-n<count>.json and .scad   the finished seed with the best score\n"
+      "  DIR/best/<variant>-n<count>.json, .scad, .run.json  the finished seed with the best\n"
+      "                          score: its model, script and run record\n"
+      "  DIR/best/<variant>-n<count>.html  its page, as sensorlay-lab view makes it\n"
       "  DIR/score-vs-count.png  best, median and worst score over the seeds against the count,\n"
       "                          one colour per variant, and the best seed's full-fix share on the\n"
       "                          right-hand axis (gnuplot; score-vs-count.gp and .tsv beside it\n"
@@ -274,25 +278,77 @@ Status drawPlot(const std::string& folder, const std::vector<VariantStats>& vari
   return writeWholeFile(folder + "/score-vs-count.png", drawn.out);
 }
 
-// The best seed's model and script of each count, under best/.
-Result<int> writeBest(const std::string& folder, const std::vector<VariantStats>& variants) {
+// The best seed's model, script and run record of each count, under best/,
+// and its page.
+struct BestDesigns {
   int written = 0;
-  for (const VariantStats& variant : variants)
-    for (const CountStats& c : variant.counts) {
+  std::vector<std::string> pages;
+  std::vector<std::string> pageFailures;
+};
+
+// The options of the sweep's designs that the page takes: those of the
+// meshes and the score (the search's are taken too, and change nothing).
+std::vector<std::string> pageOptions(const Sweep& sweep) {
+  std::set<std::string> taken;
+  for (const auto& defs : {meshOptionDefs(), scoreSettingDefs(), searchSettingDefs()})
+    for (const OptionDef& def : defs) taken.insert(std::string("--") + def.name);
+  std::vector<std::string> options;
+  for (size_t i = 0; i < sweep.designOptions.size(); ++i) {
+    const std::string& option = sweep.designOptions[i];
+    const bool withValue = i + 1 < sweep.designOptions.size() && sweep.designOptions[i + 1].rfind("--", 0) != 0;
+    if (taken.count(option) != 0) {
+      options.push_back(option);
+      if (withValue) options.push_back(sweep.designOptions[i + 1]);
+    }
+    if (withValue) ++i;
+  }
+  return options;
+}
+
+// The page of a best design, made as `sensorlay-lab view` makes it.
+Status writePage(const Sweep& sweep, const SweepVariant& variant, const CountStats& c, const std::string& model,
+                 const std::string& page) {
+  const PlannedRun& run = *c.finished.front()->run;
+  std::vector<std::string> words = {"view", model, "--sensors", variant.sensors};
+  for (const std::string& obstacle : variant.obstacles) words.insert(words.end(), {"--obstacles", obstacle});
+  for (const std::string& option : pageOptions(sweep)) words.push_back(option);
+  const std::string title = variant.name + ", " + std::to_string(c.count) + " sensors, seed " +
+                            std::to_string(run.seed) + " (best of " + std::to_string(c.finished.size()) + ")";
+  words.insert(words.end(), {"--title", title, "--out", page});
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  if (runView(static_cast<int>(words.size()), argv.data()) != kExitOk)
+    return Status::failure("the page " + printablePath(page) + " could not be made");
+  return Status();
+}
+
+Result<BestDesigns> writeBest(const Sweep& sweep, const std::vector<VariantStats>& variants) {
+  const std::string& folder = sweep.folder;
+  BestDesigns best;
+  for (const VariantStats& stats : variants)
+    for (const CountStats& c : stats.counts) {
       if (c.finished.empty()) continue;
-      if (written == 0 && mkdir((folder + "/best").c_str(), 0777) != 0 && errno != EEXIST)
+      if (best.written == 0 && mkdir((folder + "/best").c_str(), 0777) != 0 && errno != EEXIST)
         return Status::failure("cannot make the folder " + printablePath(folder + "/best"));
       const PlannedRun& run = *c.finished.front()->run;
-      const std::string name = folder + "/best/" + variant.name + "-n" + std::to_string(c.count);
-      for (const char* suffix : {".json", ".scad"}) {
+      const std::string name = folder + "/best/" + stats.name + "-n" + std::to_string(c.count);
+      for (const char* suffix : {".json", ".scad", ".run.json"}) {
         const std::string from = runPrefix(folder, run) + suffix;
         const WholeFile file = readRegularFile(from);
         if (file.problem != WholeFile::Problem::None) return Status::failure("cannot read " + printablePath(from));
         if (Status s = writeWholeFile(name + suffix, file.bytes); !s) return s;
       }
-      ++written;
+      ++best.written;
+      for (const SweepVariant& variant : sweep.variants)
+        if (variant.name == stats.name) {
+          if (Status page = writePage(sweep, variant, c, name + ".json", name + ".html"); page)
+            best.pages.push_back(name + ".html");
+          else
+            best.pageFailures.push_back(page.message());
+        }
     }
-  return written;
+  return best;
 }
 
 }  // namespace
@@ -318,7 +374,7 @@ int runSummarize(int argc, char** argv) {
   for (const PlannedRun& run : sweep->runs) rows.push_back(rowOf(folder, run));
   const std::vector<VariantStats> variants = statsOf(rows);
   if (Status s = writeWholeFile(folder + "/summary.csv", csvText(rows)); !s) return fail(s.message());
-  const Result<int> best = writeBest(folder, variants);
+  const Result<BestDesigns> best = writeBest(*sweep, variants);
   if (!best) return fail(best.message());
 
   std::ostringstream report;
@@ -327,17 +383,23 @@ int runSummarize(int argc, char** argv) {
   if (tally.byStatus.size() > 1 || tally.byStatus.count("finished") == 0)
     report << plural(rows.size(), "run") << ": " << tally.counts() << "\n" << tally.unfinished;
   report << "written: " << printablePath(folder + "/summary.csv");
-  if (*best > 0) report << ", " << printablePath(folder + "/best/") << " (" << *best << " models with their scripts)";
+  if (best->written > 0)
+    report << ", " << printablePath(folder + "/best/") << " (" << best->written
+           << " models with their scripts and run records)";
   Status plotted;
-  if (*best > 0) {
+  if (best->written > 0) {
     plotted = drawPlot(folder, variants);
     if (plotted) report << ", " << printablePath(folder + "/score-vs-count.png");
   }
   report << "\n";
+  if (!best->pages.empty()) report << "pages of the best designs, to open in a browser:\n";
+  for (const std::string& page : best->pages) report << "  " << printablePath(page) << "\n";
   std::fputs(report.str().c_str(), stdout);
   if (Status s = flushStandardOutput("the summary"); !s) return fail(s.message());
-  if (*best == 0) return fail("no run of the sweep has finished yet: nothing to compare");
+  if (best->written == 0) return fail("no run of the sweep has finished yet: nothing to compare");
+  for (const std::string& failure : best->pageFailures) fail(failure);
   if (!plotted) return fail(plotted.message());
+  if (!best->pageFailures.empty()) return kExitFailed;
   return kExitOk;
 }
 

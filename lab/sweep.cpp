@@ -11,10 +11,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <map>
 #include <set>
 #include <sstream>
@@ -37,8 +35,8 @@ namespace {
 const CommandSpec& sweepSpec() {
   static const CommandSpec spec{
       "sweep",
-      "--out DIR --counts LIST --seeds K [--variant NAME=S.stl[,O.stl...]]... [--engine ENGINE] [options]\n"
-      "       -- [design options]",
+      "--out DIR --counts LIST --seeds K [--variant NAME=S.stl[,O.stl...]]...\n"
+      "       [--engine ENGINE] [options] -- [design options]",
       "Runs one design for every variant, sensor count and seed: how many sensors the device\n"
       "needs, and the best of several seeds for each count, since one annealing chain varies\n"
       "from seed to seed. The design options after -- go to every run as design takes them\n"
@@ -125,11 +123,6 @@ bool validName(const std::string& name) {
   for (char c : name)
     if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '_' && c != '-') return false;
   return true;
-}
-
-std::string absolutePathOf(const std::string& path) {
-  char buffer[PATH_MAX];
-  return realpath(path.c_str(), buffer) != nullptr ? std::string(buffer) : path;
 }
 
 std::optional<int32_t> wholeIn(const char* value, int64_t low, int64_t high) {
@@ -266,7 +259,7 @@ std::string takeDesignOptions(SweepRequest& r, int argc, char** argv) {
       parseCommandLine(spec, argc, argv, positionals, [&](const std::string& name, const char* value) {
         if (const auto owner = sweeps.find(name); owner != sweeps.end())
           return "--" + name + " is the sweep's to set for each run (" + owner->second + "); leave it out after --";
-        const std::string given = value != nullptr && paths.count(name) != 0 ? absolutePathOf(value) : "";
+        const std::string given = value != nullptr && paths.count(name) != 0 ? absolutePath(value) : "";
         const char* taken = paths.count(name) != 0 ? given.c_str() : value;
         if (std::string wrong = takeDesignOption(r.design, name, taken); !wrong.empty()) return wrong;
         if (name != "sensors" && name != "obstacles") {
@@ -278,16 +271,7 @@ std::string takeDesignOptions(SweepRequest& r, int argc, char** argv) {
   if (parsed == ParseOutcome::Help) return "--help is not a design option; see sensorlay-lab design --help";
   if (parsed == ParseOutcome::Usage) return "\n";  // already said
   if (!positionals.empty()) return "unexpected argument '" + positionals[0] + "' after --";
-  return problem;
-}
-
-std::string utcNow() {
-  const std::time_t now = std::time(nullptr);
-  std::tm utc;
-  gmtime_r(&now, &utc);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return text;
+  return std::string();
 }
 
 // An input as the sweep keeps it: the absolute path, its size and SHA-256.
@@ -510,8 +494,8 @@ int runSweep(int argc, char** argv) {
     r.variants.push_back(only);
   }
   for (SweepVariant& variant : r.variants) {
-    variant.sensors = absolutePathOf(variant.sensors);
-    for (std::string& obstacle : variant.obstacles) obstacle = absolutePathOf(obstacle);
+    variant.sensors = absolutePath(variant.sensors);
+    for (std::string& obstacle : variant.obstacles) obstacle = absolutePath(obstacle);
   }
   if (r.seeds - 1 > static_cast<int64_t>(UINT32_MAX - r.firstSeed))
     return usage("--first-seed " + std::to_string(r.firstSeed) + " with --seeds " + std::to_string(r.seeds) +
@@ -530,7 +514,7 @@ int runSweep(int argc, char** argv) {
   if (!r.run.sshLoginFile.empty()) {
     if (readRegularFile(r.run.sshLoginFile).problem != WholeFile::Problem::None)
       return failed("cannot read the login file " + printablePath(r.run.sshLoginFile));
-    r.run.sshLoginFile = absolutePathOf(r.run.sshLoginFile);
+    r.run.sshLoginFile = absolutePath(r.run.sshLoginFile);
   }
   std::vector<uint32_t> seeds;
   for (int64_t i = 0; i < r.seeds; ++i) seeds.push_back(r.firstSeed + static_cast<uint32_t>(i));
@@ -539,7 +523,7 @@ int runSweep(int argc, char** argv) {
   Result<Sweep> sweep = prepareFolder(r.out, *definition, planRuns(r.variants, r.counts, seeds));
   if (!sweep) return failed(sweep.message());
 
-  r.run.folder = absolutePathOf(r.out);
+  r.run.folder = absolutePath(r.out);
   r.run.program = Path_GetExecutablePath();
   int32_t finishedBefore = 0;
   for (const PlannedRun& run : sweep->runs) {
