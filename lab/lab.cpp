@@ -57,6 +57,13 @@ std::string sigmaText(const SigmaSpread& spread, double factor, const char* unit
 
 const char* labVersion() { return SENSORLAY_LAB_VERSION; }
 
+int runSubcommand(int (*subcommand)(int, char**), std::vector<std::string> words) {
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  return subcommand(static_cast<int>(words.size()), argv.data());
+}
+
 std::string coverageText(const CoverageSummary& s) {
   std::ostringstream t;
   t << "coverage over " << s.directions << " directions (a " << s.stepDegrees << " degree grid at " << s.distanceMeters

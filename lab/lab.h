@@ -4,6 +4,7 @@
 // the exit status.
 
 #include <string>
+#include <vector>
 
 #include "reports/coverage_summary.h"
 
@@ -17,6 +18,10 @@ int runView(int argc, char** argv);
 int runSweep(int argc, char** argv);
 int runSweepRun(int argc, char** argv);
 int runSummarize(int argc, char** argv);
+
+// Runs a subcommand in this process on the words of its command line, the
+// first its name, as the program runs it from a shell.
+int runSubcommand(int (*subcommand)(int, char**), std::vector<std::string> words);
 
 // "1.0.0.0", the version of the build.
 const char* labVersion();

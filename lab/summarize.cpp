@@ -315,10 +315,7 @@ Status writePage(const Sweep& sweep, const SweepVariant& variant, const CountSta
   const std::string title = variant.name + ", " + std::to_string(c.count) + " sensors, seed " +
                             std::to_string(run.seed) + " (best of " + std::to_string(c.finished.size()) + ")";
   words.insert(words.end(), {"--title", title, "--out", page});
-  std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  if (runView(static_cast<int>(words.size()), argv.data()) != kExitOk)
+  if (runSubcommand(runView, std::move(words)) != kExitOk)
     return Status::failure("the page " + printablePath(page) + " could not be made");
   return Status();
 }

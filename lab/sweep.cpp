@@ -605,15 +605,12 @@ int runSweepRun(int argc, char** argv) {
   words.insert(words.end(), sweep->designOptions.begin(), sweep->designOptions.end());
   words.insert(words.end(), {"--count", std::to_string(run.count), "--seed", std::to_string(run.seed), "--threads",
                              std::to_string(threads), "--out", runPrefix(sweep->folder, run)});
-  std::vector<char*> designArgv;
-  for (std::string& word : words) designArgv.push_back(word.data());
-  designArgv.push_back(nullptr);
 
   std::fprintf(stderr, "%s: started\n", run.name.c_str());
   std::fflush(stderr);
   const int saved = dup(STDERR_FILENO);
   dup2(log, STDERR_FILENO);
-  const int status = runDesign(static_cast<int>(words.size()), designArgv.data());
+  const int status = runSubcommand(runDesign, std::move(words));
   std::fflush(stderr);
   dup2(saved, STDERR_FILENO);
   close(saved);

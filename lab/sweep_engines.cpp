@@ -334,8 +334,8 @@ EngineEnd runSlurm(const EngineRequest& request) {
     if (cancelNeverStarting(job, view)) return {false, kExitFailed};
     const int32_t ended = endedRuns(request);
     if (ended != toldEnded && !view.gone) {
-      say("Slurm job " + job + ": " + std::to_string(ended) + " of " + std::to_string(request.runs.size()) +
-          " runs ended");
+      say("Slurm job " + job + ": " + plural(static_cast<size_t>(ended), "run") + " ended, " +
+          std::to_string(request.runs.size() - static_cast<size_t>(ended)) + " to go");
       toldEnded = ended;
     }
     if (view.gone) return {true, kExitOk};
