@@ -7,9 +7,8 @@ namespace sensorlay::lab {
 namespace {
 
 // Beyond this a design of the default length takes more than a few minutes,
-// each trial rescoring a share of every orientation, and the search's tables,
-// which grow with sensors times orientations, pass a gigabyte (0.9 GB for 32
-// sensors at this count).
+// each trial rescoring a share of every orientation; the search's tables take
+// about a kilobyte per orientation besides.
 constexpr int64_t kMostOrientations = 100000;
 
 // A number within [low, high], or the message that says what it must be.
