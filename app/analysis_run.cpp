@@ -66,7 +66,8 @@ int runAnalysis(const DesignOptions& options, SensorModel& model, TrackedSurface
     evaluator.rebuildObservations();
   }
 
-  const std::vector<OrientationSample> grid = buildReportGrid(kFullTurn, step);
+  // Worked out block by block as the rows are printed.
+  const ReportGrid grid(kFullTurn, step);
   // The sign of the distance is ignored: the device always stands in front.
   evaluator.position.z() = -std::fabs(options.distanceBaseMeters);
 

@@ -82,6 +82,34 @@ StationRotation stationRotation(const double rotationVector[3]) {
   return frame;
 }
 
+void twoSweepRows(const StationRotation& frame, const double translation[3], const double point[3], double rows[12]) {
+  const double* R = frame.rotation;
+  const double px = point[0], py = point[1], pz = point[2];
+  const double x = R[0] * px + R[1] * py + R[2] * pz + translation[0];
+  const double y = R[3] * px + R[4] * py + R[5] * pz + translation[1];
+  const double z = R[6] * px + R[7] * py + R[8] * pz + translation[2];
+  // dX/domega, row c, column j.
+  double M[9];
+  const double* D = frame.derivative;
+  for (int e = 0; e < 9; ++e) M[e] = px * D[e] + py * D[9 + e] + pz * D[18 + e];
+  // The gradients of atan2(-z, x) and atan2(-z, -y) in X; the translation
+  // enters X with the identity.
+  const double inverse0 = 1.0 / (x * x + z * z);
+  const double g0x = z * inverse0, g0z = -x * inverse0;
+  const double inverse1 = 1.0 / (y * y + z * z);
+  const double g1y = -z * inverse1, g1z = y * inverse1;
+  rows[0] = g0x;
+  rows[1] = 0.0;
+  rows[2] = g0z;
+  rows[6] = 0.0;
+  rows[7] = g1y;
+  rows[8] = g1z;
+  for (int j = 0; j < 3; ++j) {
+    rows[3 + j] = g0x * M[j] + g0z * M[6 + j];
+    rows[9 + j] = g1y * M[3 + j] + g1z * M[6 + j];
+  }
+}
+
 void sensorRowLanes(const LaneFrames& frames, const ShareScales& scales, const double point[3], LaneRows& rows) {
   kernels().sensorRows(frames, scales, point, rows);
 }

@@ -38,6 +38,12 @@ struct StationRotation {
 constexpr int kFrameNumbers = 36;
 StationRotation stationRotation(const double rotationVector[3]);
 
+// The two rows of the two-sweep station's Jacobian for a sensor at `point`,
+// atan2(-z, x) and atan2(-z, -y) of X = R p + t, in closed form: columns 0 to
+// 2 the translation, 3 to 5 the rotation vector; r0 = rows[0..5], r1 =
+// rows[6..11]. One sensor at a time, as the lanes do it without the scale.
+void twoSweepRows(const StationRotation& frame, const double translation[3], const double point[3], double rows[12]);
+
 // What turns rows into shares and sums back into a matrix.
 struct ShareScales {
   double translation[3] = {0.0, 0.0, 0.0};  // the device's position before the station

@@ -6,17 +6,23 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <system_error>
 
 #include "common/rotation.h"
 #include "common/worker_pool.h"
 #include "observation/sweep_model.h"
 #include "quality/coverage_evaluator.h"
+#include "quality/placement_score.h"
+#include "quality/score_lanes.h"
 #include "quality/score_scratch.h"
+#include "surface/tracked_surface.h"
+#include "surface/visibility.h"
 
 namespace sensorlay {
 
@@ -74,6 +80,20 @@ class TextBuffer {
   void putChar(char c) {
     if (used_ == capacity_) grow(used_ + 1);
     data_[used_++] = c;
+  }
+
+  // `value` as "%.*lf" prints it, `decimals` after the point: the shortest
+  // exact conversion, rounded as printf rounds, without its format parsing.
+  void putFixed(double value, int decimals) {
+    for (;;) {
+      const std::to_chars_result r =
+          std::to_chars(data_.get() + used_, data_.get() + capacity_, value, std::chars_format::fixed, decimals);
+      if (r.ec == std::errc()) {
+        used_ = static_cast<size_t>(r.ptr - data_.get());
+        return;
+      }
+      grow(used_ + 512 + 2 * (capacity_ - used_));
+    }
   }
 
  private:
@@ -164,36 +184,321 @@ bool computeCoverageRow(const CoverageEvaluator& evaluator, const OrientationSam
 
 namespace {
 
-// One coverage row into `out`. False, with nothing written, when the grade
-// needs a sensor position that the model lacks.
-bool coverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sample, double distance, RowWorker& w,
-                 TextBuffer& out) {
-  CoverageRow row;
-  if (!computeCoverageRow(evaluator, sample, w, row)) return false;
-  out.print("%lf %lf %0.1lf %0.1lf %d 0 0 0 %d %d %lf %lf", sample.longitude, sample.latitude, distance, 0.0,
-            row.visibleCount, row.grade.first, row.grade.second, row.rotationSigma, row.positionSigma);
+// "%lf %lf %0.1lf %0.1lf %d 0 0 0 %d %d %lf %lf" and the channels seen.
+void writeCoverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sample, double distance,
+                      const CoverageRow& row, const RowWorker& w, TextBuffer& out) {
+  out.putFixed(sample.longitude, 6);
+  out.putChar(' ');
+  out.putFixed(sample.latitude, 6);
+  out.putChar(' ');
+  out.putFixed(distance, 1);
+  out.putChar(' ');
+  out.putFixed(0.0, 1);
+  out.putSpaceAndInteger(row.visibleCount);
+  out.putSpaceAndInteger(0);
+  out.putSpaceAndInteger(0);
+  out.putSpaceAndInteger(0);
+  out.putSpaceAndInteger(row.grade.first);
+  out.putSpaceAndInteger(row.grade.second);
+  out.putChar(' ');
+  out.putFixed(row.rotationSigma, 6);
+  out.putChar(' ');
+  out.putFixed(row.positionSigma, 6);
   const std::vector<int32_t>& channels = evaluator.model->channels;
   const size_t sensorCount = w.view.visibilityTests.size();
   for (size_t i = 0; i < sensorCount; ++i)
     if (w.view.visibleNow[i]) out.putSpaceAndInteger(channels[i]);
   out.putChar('\n');
+}
+
+// "%lf %lf %lf %lf %lf\n".
+void writeSensitivityRow(const OrientationSample& sample, const double sigma[3], TextBuffer& out) {
+  out.putFixed(sample.longitude, 6);
+  for (const double v : {sample.latitude, sigma[0], sigma[1], sigma[2]}) {
+    out.putChar(' ');
+    out.putFixed(v, 6);
+  }
+  out.putChar('\n');
+}
+
+// What a fast row reads of each sensor, made once per table.
+struct TableSensors {
+  struct Sensor {
+    const double* point = nullptr;  // none: the record has no position, and the sensor is never seen
+    const double* normal = nullptr;
+    float origin[3] = {0.0f, 0.0f, 0.0f};  // of its rays
+  };
+  std::vector<Sensor> sensors;
+  const TrackedSurface* surface = nullptr;
+  double cosMaxIncidence = 0.0;
+  // Every sensor measured by the two-sweep station, whose rows have a
+  // closed form.
+  bool closedForm = true;
+
+  explicit TableSensors(const CoverageEvaluator& evaluator) {
+    const SweepObservationSet& set = *evaluator.observations;
+    const SensorModel& model = *evaluator.model;
+    cosMaxIncidence = model.cosMaxIncidence;
+    sensors.resize(set.visibilityTests.size());
+    for (size_t k = 0; k < sensors.size(); ++k) {
+      const SensorVisibilityTest& test = set.visibilityTests[k];
+      if (test.surface != nullptr) surface = test.surface;
+      closedForm = closedForm && set.sensorSweeps[k].sweepKind == SweepKind::TwoSweeps &&
+                   set.sensorSweeps[k].sensorIndex == test.sensorIndex;
+      if (test.sensorIndex < 0 || static_cast<size_t>(test.sensorIndex) >= model.points.size() ||
+          static_cast<size_t>(test.sensorIndex) >= model.normals.size())
+        continue;
+      Sensor& s = sensors[k];
+      s.point = model.points[static_cast<size_t>(test.sensorIndex)].data();
+      s.normal = model.normals[static_cast<size_t>(test.sensorIndex)].data();
+      rayOrigin(s.point, s.normal, s.origin);
+    }
+  }
+};
+
+// The sensors isSensorVisible sees at the pose, their rays cast as packets:
+// they start at different sensors but run side by side towards the station.
+// Sets the worker's visibleNow bits and its everVisible ones, as
+// markVisibleSensors does.
+uint64_t markVisibleSensorsFast(const TableSensors& t, const StationPose& pose, RowWorker& w) {
+  uint64_t seen = 0;
+  double conjugate[4];
+  bool turned = false;
+  int lanes = 0;
+  auto cast = [&] {
+    t.surface->castRays(w.packet, lanes);
+    for (int lane = 0; lane < lanes; ++lane)
+      if (!w.packet.blocked[lane]) seen |= uint64_t{1} << w.laneSensor[lane];
+    lanes = 0;
+  };
+  for (size_t k = 0; k < t.sensors.size(); ++k) {
+    const TableSensors::Sensor& sensor = t.sensors[k];
+    double towards[3];
+    if (sensor.point == nullptr || !facesStation(sensor.point, sensor.normal, t.cosMaxIncidence, pose, towards))
+      continue;
+    if (t.surface == nullptr) {
+      seen |= uint64_t{1} << k;
+      continue;
+    }
+    if (!turned) {
+      objectRotation(pose.quaternion, conjugate);
+      turned = true;
+    }
+    float direction[3];
+    rayDirection(conjugate, towards, direction);
+    w.packet.set(lanes, sensor.origin, direction, kRayNear, std::numeric_limits<float>::infinity());
+    w.laneSensor[lanes++] = static_cast<int32_t>(k);
+    if (lanes == RayPacket::kSize) cast();
+  }
+  if (lanes > 0) cast();
+  for (size_t k = 0; k < t.sensors.size(); ++k) {
+    const bool visible = (seen >> k & 1) != 0;
+    w.view.visibleNow[k] = visible;
+    if (visible) w.view.everVisible[k] = true;
+  }
+  return seen;
+}
+
+// A pivot of the closed-form solve at or below this share of its diagonal
+// entry sends the row to the reference computation: above it the two agree
+// to about 1e-11 of the uncertainty, below it they may not.
+constexpr double kTablePivotFloor = 1e-4;
+
+enum class Covariance { Exact, Close, Reference, None };
+
+// The diagonal of the pose covariance of the sensors in `seen` at the pose:
+// views of up to three sensors exactly as the reference computes it; larger
+// ones of a two-sweep station by the closed-form rows and LDL^T, close to it
+// unless a pivot is small (Reference then); None when the Jacobian cannot be
+// had, as the reference's poseCovariance fails.
+Covariance fastCovariance(const CoverageEvaluator& evaluator, const TableSensors& t, const PoseParameters& pose,
+                          uint64_t seen, int32_t visible, RowWorker& w, double diagonal[6]) {
+  const int32_t rows = 2 * visible;
+  if (rows <= kSmallViewRows) {
+    w.scratch.jacobian.resize(rows, 6);
+    if (!differentiateObservations(w.view, pose, rows, w.scratch.angles, w.scratch.jacobian.data()))
+      return Covariance::None;
+    covarianceDiagonal(evaluator.score.measurementInformation, w.scratch.jacobian.data(), rows, diagonal);
+    return Covariance::Exact;
+  }
+  if (!t.closedForm) return Covariance::Reference;
+  // A = (S - g (a a^T + b b^T)) / s2: S the sum of the rows' outer
+  // products, a and b the sums of the first and the second rows.
+  const StationRotation frame = stationRotation(pose.rotationVector);
+  double S[6][6] = {}, a[6] = {}, b[6] = {};
+  for (uint64_t m = seen; m != 0; m &= m - 1) {
+    double r[12];
+    twoSweepRows(frame, pose.position, t.sensors[static_cast<size_t>(__builtin_ctzll(m))].point, r);
+    for (int i = 0; i < 6; ++i) {
+      a[i] += r[i];
+      b[i] += r[6 + i];
+      for (int j = i; j < 6; ++j) S[i][j] += r[i] * r[j] + r[6 + i] * r[6 + j];
+    }
+  }
+  double A[6][6];
+  for (int i = 0; i < 6; ++i)
+    for (int j = i; j < 6; ++j) A[i][j] = A[j][i] = S[i][j] - kSharedAngleShare * (a[i] * a[j] + b[i] * b[j]);
+  double L[6][6], d[6];
+  for (int j = 0; j < 6; ++j) {
+    double pivot = A[j][j];
+    for (int k = 0; k < j; ++k) pivot -= L[j][k] * L[j][k] * d[k];
+    if (!(pivot > kTablePivotFloor * A[j][j])) return Covariance::Reference;
+    d[j] = pivot;
+    for (int i = j + 1; i < 6; ++i) {
+      double v = A[i][j];
+      for (int k = 0; k < j; ++k) v -= L[i][k] * L[j][k] * d[k];
+      L[i][j] = v / pivot;
+    }
+  }
+  // diag(A^-1) from the unit lower inverse: (A^-1)_ii = sum_r (L^-1)_ri^2 / d_r.
+  for (int i = 0; i < 6; ++i) {
+    double column[6];
+    column[i] = 1.0;
+    double sum = 1.0 / d[i];
+    for (int r = i + 1; r < 6; ++r) {
+      double v = 0.0;
+      for (int k = i; k < r; ++k) v -= L[r][k] * column[k];
+      column[r] = v;
+      sum += v * v / d[r];
+    }
+    diagonal[i] = sum * kAngleVariance;
+  }
+  return Covariance::Close;
+}
+
+// Whether an uncertainty that may be off by 1e-11 of itself (a close
+// covariance) prints as the exact one does with six decimals, and stays on
+// the same side of the clamp at 1: not within 1e-9 of a rounding boundary.
+bool printsAlike(double sigma) {
+  if (!std::isfinite(sigma) || std::fabs(sigma - 1.0) < 1e-8) return false;
+  if (sigma > 1.0) return true;
+  const double units = sigma * 1e6;
+  return std::fabs(units - std::floor(units) - 0.5) > 1e-3;
+}
+
+// computeCoverageRow's numbers by the fast path.
+bool computeCoverageRowFast(const CoverageEvaluator& evaluator, const TableSensors& t, const OrientationSample& sample,
+                            RowWorker& w, CoverageRow& row) {
+  const Eigen::Vector3d& p = evaluator.position;
+  const StationPose pose = {{p.x(), p.y(), p.z()},
+                            {sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]}};
+  const uint64_t seen = markVisibleSensorsFast(t, pose, w);
+  const int32_t visible = __builtin_popcountll(seen);
+
+  double positionSigma = 1.0;
+  double rotationSigma = 1.0;
+  if (visible != 0) {
+    const PoseParameters parameters = {{p.x(), p.y(), p.z()},
+                                       {sample.rotationVector[0], sample.rotationVector[1], sample.rotationVector[2]}};
+    double c[6];
+    Covariance how = fastCovariance(evaluator, t, parameters, seen, visible, w, c);
+    if (how == Covariance::Exact || how == Covariance::Close) {
+      // The variances are summed first, then one root is taken.
+      positionSigma = std::sqrt(c[0] + c[1] + c[2]);
+      rotationSigma = std::sqrt(c[3] + c[4] + c[5]);
+      if (how == Covariance::Close && !(printsAlike(positionSigma) && printsAlike(rotationSigma)))
+        how = Covariance::Reference;
+    }
+    if (how == Covariance::Reference) {
+      positionSigma = rotationSigma = 1.0;
+      if (poseCovariance(w.view, parameters, evaluator.score.measurementInformation, visible, w.scratch)) {
+        const Eigen::MatrixXd& C = w.scratch.covariance;
+        positionSigma = std::sqrt(C(0, 0) + C(1, 1) + C(2, 2));
+        rotationSigma = std::sqrt(C(3, 3) + C(4, 4) + C(5, 5));
+      }
+    }
+  }
+
+  // The grade depends on the sensors seen alone.
+  ViewGrade grade = w.grade;
+  if (!w.graded || seen != w.gradedSensors) {
+    const std::vector<int32_t>& channels = evaluator.model->channels;
+    w.hits.clear();
+    for (uint64_t m = seen; m != 0; m &= m - 1) {
+      const int32_t channel = channels[static_cast<size_t>(__builtin_ctzll(m))];
+      w.hits.push_back({channel, 0});
+      w.hits.push_back({channel, 1});
+    }
+    PoseSolvability solvability(*evaluator.model, w.hits);
+    grade = gradeView(solvability);
+    if (solvability.missingChannel >= 0) {
+      w.missingChannel = solvability.missingChannel;
+      w.graded = false;
+      return false;
+    }
+    w.grade = grade;
+    w.gradedSensors = seen;
+    w.graded = true;
+  }
+
+  // An uncertainty beyond a metre or a radian, or none at all, is no fix.
+  if (!(positionSigma <= 1.0)) {
+    positionSigma = 1.0;
+    grade = {0, 100};
+  }
+  if (!(rotationSigma <= 1.0)) {
+    rotationSigma = 1.0;
+    grade = {0, 100};
+  }
+  row.visibleCount = visible;
+  row.grade = grade;
+  row.rotationSigma = rotationSigma;
+  row.positionSigma = positionSigma;
+  return true;
+}
+
+// sensitivityRow's numbers by the fast path.
+void sensitivitySigmasFast(const CoverageEvaluator& evaluator, const TableSensors& t, const OrientationSample& sample,
+                           const Eigen::Vector3d& moved, RowWorker& w, double sigma[3]) {
+  const StationPose pose = {{moved.x(), moved.y(), moved.z()},
+                            {sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]}};
+  const uint64_t seen = markVisibleSensorsFast(t, pose, w);
+  const int32_t visible = __builtin_popcountll(seen);
+  sigma[0] = sigma[1] = sigma[2] = 1.0;
+  if (visible == 0) return;
+  const PoseParameters parameters = {{moved.x(), moved.y(), moved.z()},
+                                     {sample.rotationVector[0], sample.rotationVector[1], sample.rotationVector[2]}};
+  double c[6];
+  Covariance how = fastCovariance(evaluator, t, parameters, seen, visible, w, c);
+  if (how == Covariance::Exact || how == Covariance::Close) {
+    for (int i = 0; i < 3; ++i) {
+      sigma[i] = std::sqrt(c[i]);
+      if (how == Covariance::Close && !printsAlike(sigma[i])) how = Covariance::Reference;
+    }
+  }
+  if (how == Covariance::Reference) {
+    sigma[0] = sigma[1] = sigma[2] = 1.0;
+    if (poseCovariance(w.view, parameters, evaluator.score.measurementInformation, visible, w.scratch))
+      for (int i = 0; i < 3; ++i) sigma[i] = std::sqrt(w.scratch.covariance(i, i));
+  }
+}
+
+// One coverage row into `out`. False, with nothing written, when the grade
+// needs a sensor position that the model lacks.
+bool coverageRow(const CoverageEvaluator& evaluator, const TableSensors* fast, const OrientationSample& sample,
+                 double distance, RowWorker& w, TextBuffer& out) {
+  CoverageRow row;
+  if (!(fast != nullptr ? computeCoverageRowFast(evaluator, *fast, sample, w, row)
+                        : computeCoverageRow(evaluator, sample, w, row)))
+    return false;
+  writeCoverageRow(evaluator, sample, distance, row, w, out);
   return true;
 }
 
 // One sensitivity row into `out`; the device at `position` turned by the
 // sample's orientation, so that it keeps facing the station.
-bool sensitivityRow(const CoverageEvaluator& evaluator, const OrientationSample& sample,
+bool sensitivityRow(const CoverageEvaluator& evaluator, const TableSensors* fast, const OrientationSample& sample,
                     const Eigen::Vector3d& position, RowWorker& w, TextBuffer& out) {
   const double w0 = sample.quaternion[0];
   const Eigen::Vector3d u(sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]);
   const Eigen::Vector3d uxp = u.cross(position);
   const Eigen::Vector3d moved = position + 2.0 * w0 * uxp + 2.0 * u.cross(uxp);
 
+  double sigma[3] = {1.0, 1.0, 1.0};
   const StationPose pose = {{moved.x(), moved.y(), moved.z()},
                             {sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]}};
-  const int32_t visible = markVisibleSensors(w.view, pose);
-
-  double sigma[3] = {1.0, 1.0, 1.0};
+  const int32_t visible = fast != nullptr ? 0 : markVisibleSensors(w.view, pose);
+  if (fast != nullptr) sensitivitySigmasFast(evaluator, *fast, sample, moved, w, sigma);
   if (visible != 0) {
     const PoseParameters parameters = {{moved.x(), moved.y(), moved.z()},
                                        {sample.rotationVector[0], sample.rotationVector[1], sample.rotationVector[2]}};
@@ -204,7 +509,7 @@ bool sensitivityRow(const CoverageEvaluator& evaluator, const OrientationSample&
   for (double& s : sigma)
     if (!(s <= 1.0)) s = 1.0;
 
-  out.print("%lf %lf %lf %lf %lf\n", sample.longitude, sample.latitude, sigma[0], sigma[1], sigma[2]);
+  writeSensitivityRow(sample, sigma, out);
   return true;
 }
 
@@ -435,92 +740,89 @@ uint64_t estimateReportRows(double span, double step) {
   return static_cast<uint64_t>(rows);
 }
 
-std::vector<OrientationSample> buildReportGrid(double span, double step) {
-  std::vector<OrientationSample> samples;
+ReportGrid::ReportGrid(const std::vector<OrientationSample>& list) : list_(&list) {}
+
+ReportGrid::ReportGrid(double span, double step) {
   // A step that is not a positive number would never reach the end of the
   // walk, and one far too small would exhaust memory first: no grid then.
-  if (estimateReportRows(span, step) > kReportRowLimit) return samples;
-
-  struct Latitude {
-    double angle, sine, cosine;
-  };
-  std::vector<Latitude> latitudes;
+  if (estimateReportRows(span, step) > kReportRowLimit) return;
   // The running sums are kept as they round: whether the last step lands on
   // the end point depends on it (180 latitudes at 1 degree, 361 at 0.5).
   double e = -kHalfPi;
   do {
-    latitudes.push_back({e, std::sin(e), std::cos(e)});
+    latitudes_.push_back({e, std::sin(e), std::cos(e)});
     e += step;
   } while (e <= kHalfPi);
-
-  const double start = -0.5 * span;
   const double end = 0.5 * span;
-  size_t longitudeCount = 0;
-  double a = start;
+  double a = -0.5 * span;
   do {
-    ++longitudeCount;
+    longitudes_.push_back({a, std::sin(a), std::cos(a)});
     a += step;
   } while (a <= end);
-  samples.reserve(longitudeCount * latitudes.size());
+}
 
-  a = start;
-  do {
-    const double sa = std::sin(a);
-    const double ca = std::cos(a);
-    for (const Latitude& lat : latitudes) {
-      OrientationSample s;
-      s.latitude = lat.angle;
-      s.longitude = a;
-      const double dx = sa * lat.cosine;
-      const double dy = lat.sine;
-      const double dz = ca * lat.cosine;
+OrientationSample ReportGrid::operator[](size_t row) const {
+  if (list_ != nullptr) return (*list_)[row];
+  const Angle& lon = longitudes_[row / latitudes_.size()];
+  const Angle& lat = latitudes_[row % latitudes_.size()];
+  OrientationSample s;
+  s.latitude = lat.angle;
+  s.longitude = lon.angle;
+  const double dx = lon.sine * lat.cosine;
+  const double dy = lat.sine;
+  const double dz = lon.cosine * lat.cosine;
 
-      // The shortest rotation that carries d onto +z. Straight ahead (d = +z)
-      // k is 0/0 and the sample is not a number; the table's clamps settle it.
-      const double k = (1.0 - dz) / (dy * dy + dx * dx);
-      Eigen::Matrix3d V;
-      V << 0.0, 0.0, dx,  //
-          0.0, 0.0, dy,   //
-          -dx, -dy, 0.0;  // cross-product matrix of (-dy, dx, 0)
-      const Eigen::Matrix3d M = Eigen::Matrix3d::Identity() - V + k * (V * V);
+  // The shortest rotation that carries d onto +z. Straight ahead (d = +z)
+  // k is 0/0 and the sample is not a number; the table's clamps settle it.
+  const double k = (1.0 - dz) / (dy * dy + dx * dx);
+  Eigen::Matrix3d V;
+  V << 0.0, 0.0, dx,  //
+      0.0, 0.0, dy,   //
+      -dx, -dy, 0.0;  // cross-product matrix of (-dy, dx, 0)
+  const Eigen::Matrix3d M = Eigen::Matrix3d::Identity() - V + k * (V * V);
 
-      double q[4];
-      quaternionFromRotationMatrix(M, q);
-      const double w = q[0], x = q[1], y = q[2], z = q[3];
+  double q[4];
+  quaternionFromRotationMatrix(M, q);
+  const double w = q[0], x = q[1], y = q[2], z = q[3];
 
-      // Not quaternionToRotationVector: the factor is formed first and the
-      // products round apart from the samples', and the tables' digits
-      // depend on it.
-      const double n2 = x * x + y * y + z * z;
-      double factor = 2.0;
-      if (n2 > 0.0) {
-        const double n = std::sqrt(n2);
-        factor = 2.0 * std::atan2(n, w) / n;
-      }
-      s.rotationVector[0] = factor * x;
-      s.rotationVector[1] = factor * y;
-      s.rotationVector[2] = factor * z;
-      s.quaternion[0] = w;
-      s.quaternion[1] = x;
-      s.quaternion[2] = y;
-      s.quaternion[3] = z;
-      s.direction[0] = dx;
-      s.direction[1] = dy;
-      s.direction[2] = dz;
-      s.weight = 1.0;
-      samples.push_back(s);
-    }
-    a += step;
-  } while (a <= end);
+  // Not quaternionToRotationVector: the factor is formed first and the
+  // products round apart from the samples', and the tables' digits depend
+  // on it.
+  const double n2 = x * x + y * y + z * z;
+  double factor = 2.0;
+  if (n2 > 0.0) {
+    const double n = std::sqrt(n2);
+    factor = 2.0 * std::atan2(n, w) / n;
+  }
+  s.rotationVector[0] = factor * x;
+  s.rotationVector[1] = factor * y;
+  s.rotationVector[2] = factor * z;
+  s.quaternion[0] = w;
+  s.quaternion[1] = x;
+  s.quaternion[2] = y;
+  s.quaternion[3] = z;
+  s.direction[0] = dx;
+  s.direction[1] = dy;
+  s.direction[2] = dz;
+  s.weight = 1.0;
+  return s;
+}
+
+std::vector<OrientationSample> buildReportGrid(double span, double step) {
+  const ReportGrid grid(span, step);
+  std::vector<OrientationSample> samples;
+  samples.reserve(grid.size());
+  for (size_t row = 0; row < grid.size(); ++row) samples.push_back(grid[row]);
   return samples;
 }
 
-Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator,
-                                                const std::vector<OrientationSample>& grid, WorkerPool& pool,
-                                                std::FILE* output) {
+Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator, const ReportGrid& grid, WorkerPool& pool,
+                                                std::FILE* output, RowPath path) {
   const Status ready = readyForTable(evaluator);
   if (!ready) return ready;
   std::vector<RowWorker> workers = makeRowWorkers(evaluator, pool);
+  const TableSensors sensors(evaluator);
+  const TableSensors* fast = path == RowPath::Fast ? &sensors : nullptr;
 
   const Eigen::Vector3d& p = evaluator.position;
   const double distance = std::sqrt(p[0] * p[0] + p[1] * p[1] + p[2] * p[2]);
@@ -528,9 +830,10 @@ Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator,
   // and one channel below 32 for each sensor.
   const size_t rowBytes = 96 + static_cast<size_t>(std::max(0, std::snprintf(nullptr, 0, "%0.1lf", distance))) +
                           4 * evaluator.observations->visibilityTests.size();
-  const TableOutcome outcome = writeRowsInOrder(
-      grid.size(), rowBytes, pool, workers, output,
-      [&](size_t row, RowWorker& w, TextBuffer& out) { return coverageRow(evaluator, grid[row], distance, w, out); });
+  const TableOutcome outcome =
+      writeRowsInOrder(grid.size(), rowBytes, pool, workers, output, [&](size_t row, RowWorker& w, TextBuffer& out) {
+        return coverageRow(evaluator, fast, grid[row], distance, w, out);
+      });
   if (outcome.missingChannel >= 0)
     return Status::failure("The sensor model has no position for channel " + std::to_string(outcome.missingChannel) +
                            ".");
@@ -538,19 +841,20 @@ Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator,
   return unseenChannels(evaluator);
 }
 
-Result<std::vector<int32_t>> printSensitivityTable(CoverageEvaluator& evaluator,
-                                                   const std::vector<OrientationSample>& grid, WorkerPool& pool,
-                                                   std::FILE* output) {
+Result<std::vector<int32_t>> printSensitivityTable(CoverageEvaluator& evaluator, const ReportGrid& grid,
+                                                   WorkerPool& pool, std::FILE* output, RowPath path) {
   const Status ready = readyForTable(evaluator);
   if (!ready) return ready;
   std::vector<RowWorker> workers = makeRowWorkers(evaluator, pool);
+  const TableSensors sensors(evaluator);
+  const TableSensors* fast = path == RowPath::Fast ? &sensors : nullptr;
 
   // The device keeps facing the station while it moves across the field of
   // view: its position turns with it.
   const Eigen::Vector3d& p = evaluator.position;
   const TableOutcome outcome = writeRowsInOrder(
       grid.size(), 64, pool, workers, output,
-      [&](size_t row, RowWorker& w, TextBuffer& out) { return sensitivityRow(evaluator, grid[row], p, w, out); });
+      [&](size_t row, RowWorker& w, TextBuffer& out) { return sensitivityRow(evaluator, fast, grid[row], p, w, out); });
   gatherRowWorkers(evaluator, workers, outcome.lastWorker);
   return unseenChannels(evaluator);
 }

@@ -14,6 +14,7 @@
 #include "model/constellation.h"
 #include "quality/coverage_evaluator.h"
 #include "quality/score_scratch.h"
+#include "surface/ray_scene.h"
 
 namespace sensorlay {
 
@@ -89,6 +90,14 @@ struct alignas(64) RowWorker {
   std::vector<AxisObservation> hits;
   // The channel without a position that stopped this thread's last row, or -1.
   int32_t missingChannel = -1;
+  // The rays of a fast row, and the sensor of each.
+  RayPacket packet;
+  int32_t laneSensor[RayPacket::kSize];
+  // The grade of the last fast row and the sensors it saw: a row that sees
+  // the same ones has the same grade.
+  uint64_t gradedSensors = 0;
+  ViewGrade grade;
+  bool graded = false;
 };
 
 // The numbers of one coverage row. The sensors seen are those whose
@@ -109,24 +118,52 @@ bool computeCoverageRow(const CoverageEvaluator& evaluator, const OrientationSam
 // Whether the evaluator is set up for a table, and why not.
 Status readyForTable(const CoverageEvaluator& evaluator);
 
-// The directions of the tables: longitude -span/2 .. span/2 (outer loop) and
-// latitude -pi/2 .. pi/2 (inner loop) in steps of `step` radians. None when
-// estimateReportRows is beyond kReportRowLimit.
+// The directions of a table, one per row. Either the grid of the analysis,
+// worked out row by row when asked for, so that a table of millions of rows
+// holds a few thousand numbers and not its rows; or a list of samples.
+class ReportGrid {
+ public:
+  // Longitude -span/2 .. span/2 (outer loop) and latitude -pi/2 .. pi/2
+  // (inner loop) in steps of `step` radians. No rows when estimateReportRows
+  // is beyond kReportRowLimit.
+  ReportGrid(double span, double step);
+  // The samples of `list`, which must outlive the grid.
+  ReportGrid(const std::vector<OrientationSample>& list);  // NOLINT: a list serves as a grid
+
+  size_t size() const { return list_ != nullptr ? list_->size() : latitudes_.size() * longitudes_.size(); }
+  OrientationSample operator[](size_t row) const;
+
+ private:
+  struct Angle {
+    double angle, sine, cosine;
+  };
+  const std::vector<OrientationSample>* list_ = nullptr;
+  std::vector<Angle> latitudes_;
+  std::vector<Angle> longitudes_;
+};
+
+// The rows of ReportGrid(span, step), all of them.
 std::vector<OrientationSample> buildReportGrid(double span, double step);
+
+// How a table works out its rows. Reference: each row as the score's own
+// steps do it, sensor by sensor. Fast: the rays of a row cast together, the
+// grade of a row that sees the sensors of the row before taken from it, and
+// the covariance of views of four sensors or more from the closed-form rows,
+// wherever its printed digits cannot differ from the reference's; the text is
+// the same byte for byte.
+enum class RowPath { Fast, Reference };
 
 // The coverage table, one row per direction of `grid` with the device at the
 // evaluator's position, to `output`. Yields the channels that no row saw, or
 // the failure: a set-up the tables cannot serve, or a row whose grade needs a
 // sensor position the model lacks (the rows before it have been written).
-Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator,
-                                                const std::vector<OrientationSample>& grid, WorkerPool& pool,
-                                                std::FILE* output);
+Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator, const ReportGrid& grid, WorkerPool& pool,
+                                                std::FILE* output, RowPath path = RowPath::Fast);
 
 // The sensitivity table: the device moved across the field of view from the
 // evaluator's position, keeping facing the station.
-Result<std::vector<int32_t>> printSensitivityTable(CoverageEvaluator& evaluator,
-                                                   const std::vector<OrientationSample>& grid, WorkerPool& pool,
-                                                   std::FILE* output);
+Result<std::vector<int32_t>> printSensitivityTable(CoverageEvaluator& evaluator, const ReportGrid& grid,
+                                                   WorkerPool& pool, std::FILE* output, RowPath path = RowPath::Fast);
 
 // The number of rows buildReportGrid would lay for this span and step, up to a
 // row or so per axis; UINT64_MAX when the step is not a positive finite number

@@ -1,7 +1,7 @@
-// The tables are computed in blocks on several threads; whatever the thread
-// count, they must print the same bytes on both streams and leave the
-// evaluator as the rows one after another on one thread leave it, and their
-// rows must not allocate.
+// The tables are computed in blocks on several threads, by the fast rows;
+// whatever the thread count, they must print the same bytes on both streams
+// and leave the evaluator as the reference rows one after another on one
+// thread leave it, and their rows must not allocate.
 
 #include <gtest/gtest.h>
 
@@ -18,6 +18,7 @@
 #include "surface/tracked_surface.h"
 #include "tests/support/allocation_counter.h"
 #include "tests/support/quality_fixtures.h"
+#include "tests/support/samples.h"
 #include "tests/support/surface_fixtures.h"
 #include "tests/support/table_runs.h"
 
@@ -64,9 +65,9 @@ struct TableRun {
   std::vector<bool> visibleNow, everVisible;
 };
 
-TableRun printOnThreads(CoverageEvaluator& evaluator, int threads, bool sensitivity) {
+TableRun printOnThreads(CoverageEvaluator& evaluator, int threads, bool sensitivity, RowPath path = RowPath::Fast) {
   WorkerPool pool(threads);
-  const testing::PrintedTable table = testing::printTable(evaluator, pool, sensitivity);
+  const testing::PrintedTable table = testing::printTable(evaluator, pool, sensitivity, path);
   return TableRun{table.out, table.err, evaluator.observations->visibleNow, evaluator.observations->everVisible};
 }
 
@@ -79,14 +80,17 @@ TEST(TableThreads, EveryThreadCountPrintsTheOneThreadTable) {
       for (bool sensitivity : {false, true}) {
         SCOPED_TRACE(std::string(sensitivity ? "sensitivity" : "coverage") + " step " + std::to_string(step) +
                      " tilt " + std::to_string(tilt));
-        TableRun runs[3];
-        for (int threads : {1, 2, 3}) {
+        // The reference rows on one thread, the fast ones on one, two and
+        // three.
+        TableRun runs[4];
+        for (int run = 0; run < 4; ++run) {
           CoverageEvaluator evaluator;
           if (tilt != 0.0) evaluator.stationConfig = {StationKind::TiltedRotor, degrees(tilt)};
           testing::attach(evaluator, f.model.get(), f.surface.get());
           evaluator.score.samples = buildReportGrid(kFullTurn, degrees(step));
           evaluator.position.z() = -1.5;
-          runs[threads - 1] = printOnThreads(evaluator, threads, sensitivity);
+          runs[run] =
+              printOnThreads(evaluator, std::max(run, 1), sensitivity, run == 0 ? RowPath::Reference : RowPath::Fast);
         }
         // Not a trivial table: views with and without sensors, and the
         // buried sensor reported.
@@ -96,13 +100,37 @@ TEST(TableThreads, EveryThreadCountPrintsTheOneThreadTable) {
           EXPECT_NE(reference.out.find(" 0 0 0 100 0 "), std::string::npos);
         }
         EXPECT_NE(reference.err.find("did not see sensor id 25\n"), std::string::npos);
-        for (const TableRun& run : {runs[1], runs[2]}) {
+        for (const TableRun& run : {runs[1], runs[2], runs[3]}) {
           EXPECT_TRUE(run.out == reference.out);
           EXPECT_EQ(run.err, reference.err);
           EXPECT_EQ(run.visibleNow, reference.visibleNow);
           EXPECT_EQ(run.everVisible, reference.everVisible);
         }
       }
+}
+
+// The fast rows on a real design: the headset with the head in the way and
+// 20 sensors, whose views of four and more sensors take the closed-form
+// covariance, print the reference rows' bytes.
+TEST(TableThreads, FastRowsPrintTheReferenceTableOfTheHeadset) {
+  TrackedSurface surface(testing::samplePath("headset.stl"), {testing::samplePath("headset_head.stl")});
+  surface.seedGenerator(12);
+  std::vector<Eigen::Vector3f> points(20), normals(20);
+  for (size_t i = 0; i < points.size(); ++i) ASSERT_TRUE(surface.randomPlacement(points[i], normals[i]));
+  auto model = testing::makeSensorModel(points, normals);
+  for (bool sensitivity : {false, true}) {
+    TableRun runs[2];
+    for (int run = 0; run < 2; ++run) {
+      CoverageEvaluator evaluator;
+      testing::attach(evaluator, model.get(), &surface);
+      evaluator.score.samples = buildReportGrid(kFullTurn, degrees(sensitivity ? 2.0 : 1.0));
+      runs[run] = printOnThreads(evaluator, 2, sensitivity, run == 0 ? RowPath::Reference : RowPath::Fast);
+    }
+    EXPECT_GT(runs[0].out.size(), 1000000u >> (sensitivity ? 3 : 0));
+    EXPECT_TRUE(runs[1].out == runs[0].out) << sensitivity;
+    EXPECT_EQ(runs[1].err, runs[0].err);
+    EXPECT_EQ(runs[1].everVisible, runs[0].everVisible);
+  }
 }
 
 TEST(TableThreads, AMissingPositionStopsTheTableAfterTheRowsBefore) {

@@ -21,14 +21,15 @@ struct PrintedTable {
   std::string out, err;
 };
 
-inline PrintedTable printTable(CoverageEvaluator& evaluator, WorkerPool& pool, bool sensitivity = false) {
+inline PrintedTable printTable(CoverageEvaluator& evaluator, WorkerPool& pool, bool sensitivity = false,
+                               RowPath path = RowPath::Fast) {
   char* buffer = nullptr;
   size_t size = 0;
   std::FILE* memory = open_memstream(&buffer, &size);
   // The evaluator's own samples serve as the grid.
   const std::vector<OrientationSample>& grid = evaluator.score.samples;
-  const Result<std::vector<int32_t>> unseen = sensitivity ? printSensitivityTable(evaluator, grid, pool, memory)
-                                                          : printCoverageTable(evaluator, grid, pool, memory);
+  const Result<std::vector<int32_t>> unseen = sensitivity ? printSensitivityTable(evaluator, grid, pool, memory, path)
+                                                          : printCoverageTable(evaluator, grid, pool, memory, path);
   std::fclose(memory);
   PrintedTable table{std::string(buffer, size), std::string()};
   std::free(buffer);
