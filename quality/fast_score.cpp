@@ -72,6 +72,7 @@ struct FastScorer::WorkerScratch {
 struct FastScorer::TaskCounts {
   int64_t evaluated = 0;
   int64_t reference = 0;
+  int64_t rays = 0;
   uint64_t seen = 0;  // sensors seen in the task's samples
 };
 
@@ -250,6 +251,7 @@ void FastScorer::evaluateMove(int32_t first, int32_t end, int worker, TaskCounts
     rayDirection(f.conjugate, towards, direction);
     w.packet.set(lanes, t.origin, direction, kRayNear, kRayFar);
     w.laneSample[lanes++] = offset;
+    ++counts.rays;
     if (lanes == RayPacket::kSize) {
       castPacket(w, lanes, after);
       lanes = 0;
@@ -367,15 +369,17 @@ void FastScorer::finish() {
   // What the reference score leaves behind besides the score: every sensor
   // seen in some sample marked as ever visible, and the bit list of the last
   // sample that was not skipped.
-  int64_t evaluated = 0, reference = 0;
+  int64_t evaluated = 0, reference = 0, rays = 0;
   uint64_t seen = 0;
   for (const TaskCounts& counts : taskCounts_) {
     evaluated += counts.evaluated;
     reference += counts.reference;
+    rays += counts.rays;
     seen |= counts.seen;
   }
   lastEvaluated_ = evaluated;
   lastReference_ = reference;
+  lastRays_ = rays;
 
   SweepObservationSet& set = *evaluator_.observations;
   for (int32_t k = 0; k < sensorCount_; ++k)
@@ -434,16 +438,12 @@ void FastScorer::chooseScales(double translationSize, double rotationSize) {
                            : std::ldexp(1.0, 50);
 }
 
-void FastScorer::orderSamples() {
-  // The samples are worked in an order of their directions: bands of equal
-  // height in z, each swept in azimuth, one way and then back. Neighbours in
-  // this order cast their rays from one sensor in nearly the same direction,
-  // through the same part of the scene, and tend to see the same sensors.
-  // Only the work follows it; the terms are still added in sample order.
-  const size_t n = evaluator_.score.samples.size();
+std::vector<int32_t> directionOrder(const std::vector<OrientationSample>& samples) {
+  // Bands of equal height in z, each swept in azimuth, one way and then back.
+  const size_t n = samples.size();
   std::vector<std::pair<double, int32_t>> keys(n);
   for (size_t s = 0; s < n; ++s) {
-    const double* d = evaluator_.score.samples[s].direction;
+    const double* d = samples[s].direction;
     double band = std::floor((d[2] + 1.0) * 0.5 * kDirectionBands);
     band = std::isfinite(band) ? std::min(std::max(band, 0.0), kDirectionBands - 1.0) : 0.0;
     double azimuth = std::atan2(d[1], d[0]);
@@ -452,12 +452,17 @@ void FastScorer::orderSamples() {
     keys[s] = {band * 8.0 + azimuth, static_cast<int32_t>(s)};
   }
   std::stable_sort(keys.begin(), keys.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-  order_.resize(n);
-  position_.resize(n);
-  for (size_t p = 0; p < n; ++p) {
-    order_[p] = keys[p].second;
-    position_[static_cast<size_t>(keys[p].second)] = static_cast<int32_t>(p);
-  }
+  std::vector<int32_t> order(n);
+  for (size_t p = 0; p < n; ++p) order[p] = keys[p].second;
+  return order;
+}
+
+void FastScorer::orderSamples() {
+  // Only the work follows the order; the terms are still added in sample
+  // order.
+  order_ = directionOrder(evaluator_.score.samples);
+  position_.resize(order_.size());
+  for (size_t p = 0; p < order_.size(); ++p) position_[static_cast<size_t>(order_[p])] = static_cast<int32_t>(p);
 }
 
 double FastScorer::scoreAll() {
@@ -475,7 +480,7 @@ double FastScorer::scoreAll() {
                    sweep.sensorIndex == static_cast<int32_t>(k) && test.sensorIndex == static_cast<int32_t>(k);
   }
   if (!incremental_) {
-    lastEvaluated_ = lastReference_ = 0;
+    lastEvaluated_ = lastReference_ = lastRays_ = 0;
     return evaluator_.scorePlacement();
   }
 

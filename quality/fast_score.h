@@ -29,9 +29,16 @@
 namespace sensorlay {
 
 class CoverageEvaluator;
+struct OrientationSample;
 class TrackedSurface;
 class WorkerPool;
 struct SensorModel;
+
+// The samples in an order of their directions, in which the scorer works
+// them: neighbours in it cast their rays from one sensor in nearly the same
+// direction, through the same part of the scene, and tend to see the same
+// sensors.
+std::vector<int32_t> directionOrder(const std::vector<OrientationSample>& samples);
 
 class FastScorer {
  public:
@@ -67,6 +74,9 @@ class FastScorer {
   // many of those went through the reference computation.
   int64_t lastEvaluatedSamples() const { return lastEvaluated_; }
   int64_t lastReferenceSamples() const { return lastReference_; }
+  // The rays the last scoreMove cast: the moved sensor's, where it faces the
+  // station. Casting them is the least a trial can cost.
+  int64_t lastCastRays() const { return lastRays_; }
 
   // A pivot of the LDL^T decomposition at or below this share of its diagonal
   // entry sends the sample to the reference computation.
@@ -168,6 +178,7 @@ class FastScorer {
 
   int64_t lastEvaluated_ = 0;
   int64_t lastReference_ = 0;
+  int64_t lastRays_ = 0;
 };
 
 }  // namespace sensorlay

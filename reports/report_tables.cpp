@@ -30,6 +30,9 @@ namespace {
 
 constexpr double kHalfPi = 1.5707963267948966;
 
+// The most rows of a block of the tables, which a thread works in one go.
+constexpr size_t kMaxBlockRows = 1024;
+
 // The text of a block of rows. Made once per table with room for the block's
 // rows at their longest likely length, and reused by every block after; it
 // grows only for rows longer than that (absurd distances print hundreds of
@@ -127,6 +130,9 @@ bool poseCovariance(const SweepObservationSet& set, const PoseParameters& pose, 
 
 RowWorker::RowWorker(const CoverageEvaluator& evaluator) : view(*evaluator.observations) {
   hits.reserve(2 * kMaxSensors);
+  blockSamples.resize(kMaxBlockRows);
+  blockTurns.resize(4 * kMaxBlockRows);
+  blockSeen.resize(kMaxBlockRows);
 }
 
 bool computeCoverageRow(const CoverageEvaluator& evaluator, const OrientationSample& sample, RowWorker& w,
@@ -256,47 +262,70 @@ struct TableSensors {
   }
 };
 
-// The sensors isSensorVisible sees at the pose, their rays cast as packets:
-// they start at different sensors but run side by side towards the station.
-// Sets the worker's visibleNow bits and its everVisible ones, as
-// markVisibleSensors does.
-uint64_t markVisibleSensorsFast(const TableSensors& t, const StationPose& pose, RowWorker& w) {
-  uint64_t seen = 0;
-  double conjugate[4];
-  bool turned = false;
-  int lanes = 0;
-  auto cast = [&] {
-    t.surface->castRays(w.packet, lanes);
-    for (int lane = 0; lane < lanes; ++lane)
-      if (!w.packet.blocked[lane]) seen |= uint64_t{1} << w.laneSensor[lane];
-    lanes = 0;
-  };
+// The sensors isSensorVisible sees in each row of a block, each sensor's rays
+// over the block's rows cast as packets: one origin, directions that turn
+// little from row to row. `pose(row)` is a row's station pose. The rows'
+// samples and what each sees are kept in the worker for the rows.
+template <class Pose>
+void seeBlock(const TableSensors& t, const ReportGrid& grid, size_t begin, size_t end, Pose&& pose, RowWorker& w) {
+  const size_t rows = end - begin;
+  w.blockBegin = begin;
+  for (size_t i = 0; i < rows; ++i) {
+    w.blockSamples[i] = grid[begin + i];
+    w.blockSeen[i] = 0;
+    objectRotation(w.blockSamples[i].quaternion, &w.blockTurns[4 * i]);
+  }
   for (size_t k = 0; k < t.sensors.size(); ++k) {
     const TableSensors::Sensor& sensor = t.sensors[k];
-    double towards[3];
-    if (sensor.point == nullptr || !facesStation(sensor.point, sensor.normal, t.cosMaxIncidence, pose, towards))
-      continue;
-    if (t.surface == nullptr) {
-      seen |= uint64_t{1} << k;
-      continue;
+    if (sensor.point == nullptr) continue;
+    const uint64_t bit = uint64_t{1} << k;
+    int lanes = 0;
+    auto cast = [&] {
+      t.surface->castRays(w.packet, lanes);
+      for (int lane = 0; lane < lanes; ++lane)
+        if (!w.packet.blocked[lane]) w.blockSeen[static_cast<size_t>(w.laneSensor[lane])] |= bit;
+      lanes = 0;
+    };
+    for (size_t i = 0; i < rows; ++i) {
+      double towards[3];
+      if (!facesStation(sensor.point, sensor.normal, t.cosMaxIncidence, pose(w.blockSamples[i]), towards)) continue;
+      if (t.surface == nullptr) {
+        w.blockSeen[i] |= bit;
+        continue;
+      }
+      float direction[3];
+      rayDirection(&w.blockTurns[4 * i], towards, direction);
+      w.packet.set(lanes, sensor.origin, direction, kRayNear, std::numeric_limits<float>::infinity());
+      w.laneSensor[lanes++] = static_cast<int32_t>(i);
+      if (lanes == RayPacket::kSize) cast();
     }
-    if (!turned) {
-      objectRotation(pose.quaternion, conjugate);
-      turned = true;
-    }
-    float direction[3];
-    rayDirection(conjugate, towards, direction);
-    w.packet.set(lanes, sensor.origin, direction, kRayNear, std::numeric_limits<float>::infinity());
-    w.laneSensor[lanes++] = static_cast<int32_t>(k);
-    if (lanes == RayPacket::kSize) cast();
+    if (lanes > 0) cast();
   }
-  if (lanes > 0) cast();
-  for (size_t k = 0; k < t.sensors.size(); ++k) {
+}
+
+// What a row of the block sees, set as markVisibleSensors sets the worker's
+// visibleNow and everVisible bits.
+uint64_t markSeen(size_t row, RowWorker& w) {
+  const uint64_t seen = w.blockSeen[row - w.blockBegin];
+  for (size_t k = 0; k < w.view.visibleNow.size(); ++k) {
     const bool visible = (seen >> k & 1) != 0;
     w.view.visibleNow[k] = visible;
     if (visible) w.view.everVisible[k] = true;
   }
   return seen;
+}
+
+// The station pose of a coverage row, and of a sensitivity row: the device
+// moved across the field of view, keeping facing the station.
+StationPose coveragePose(const Eigen::Vector3d& p, const OrientationSample& sample) {
+  return {{p.x(), p.y(), p.z()},
+          {sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]}};
+}
+Eigen::Vector3d movedPosition(const Eigen::Vector3d& position, const OrientationSample& sample) {
+  const double w0 = sample.quaternion[0];
+  const Eigen::Vector3d u(sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]);
+  const Eigen::Vector3d uxp = u.cross(position);
+  return position + 2.0 * w0 * uxp + 2.0 * u.cross(uxp);
 }
 
 // A pivot of the closed-form solve at or below this share of its diagonal
@@ -377,12 +406,11 @@ bool printsAlike(double sigma) {
 }
 
 // computeCoverageRow's numbers by the fast path.
-bool computeCoverageRowFast(const CoverageEvaluator& evaluator, const TableSensors& t, const OrientationSample& sample,
-                            RowWorker& w, CoverageRow& row) {
+bool computeCoverageRowFast(const CoverageEvaluator& evaluator, const TableSensors& t, size_t index, RowWorker& w,
+                            CoverageRow& row) {
   const Eigen::Vector3d& p = evaluator.position;
-  const StationPose pose = {{p.x(), p.y(), p.z()},
-                            {sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]}};
-  const uint64_t seen = markVisibleSensorsFast(t, pose, w);
+  const OrientationSample& sample = w.blockSamples[index - w.blockBegin];
+  const uint64_t seen = markSeen(index, w);
   const int32_t visible = __builtin_popcountll(seen);
 
   double positionSigma = 1.0;
@@ -448,11 +476,10 @@ bool computeCoverageRowFast(const CoverageEvaluator& evaluator, const TableSenso
 }
 
 // sensitivityRow's numbers by the fast path.
-void sensitivitySigmasFast(const CoverageEvaluator& evaluator, const TableSensors& t, const OrientationSample& sample,
+void sensitivitySigmasFast(const CoverageEvaluator& evaluator, const TableSensors& t, size_t index,
                            const Eigen::Vector3d& moved, RowWorker& w, double sigma[3]) {
-  const StationPose pose = {{moved.x(), moved.y(), moved.z()},
-                            {sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]}};
-  const uint64_t seen = markVisibleSensorsFast(t, pose, w);
+  const OrientationSample& sample = w.blockSamples[index - w.blockBegin];
+  const uint64_t seen = markSeen(index, w);
   const int32_t visible = __builtin_popcountll(seen);
   sigma[0] = sigma[1] = sigma[2] = 1.0;
   if (visible == 0) return;
@@ -475,30 +502,37 @@ void sensitivitySigmasFast(const CoverageEvaluator& evaluator, const TableSensor
 
 // One coverage row into `out`. False, with nothing written, when the grade
 // needs a sensor position that the model lacks.
-bool coverageRow(const CoverageEvaluator& evaluator, const TableSensors* fast, const OrientationSample& sample,
+bool coverageRow(const CoverageEvaluator& evaluator, const TableSensors* fast, const ReportGrid& grid, size_t index,
                  double distance, RowWorker& w, TextBuffer& out) {
   CoverageRow row;
-  if (!(fast != nullptr ? computeCoverageRowFast(evaluator, *fast, sample, w, row)
-                        : computeCoverageRow(evaluator, sample, w, row)))
-    return false;
-  writeCoverageRow(evaluator, sample, distance, row, w, out);
+  if (fast != nullptr) {
+    if (!computeCoverageRowFast(evaluator, *fast, index, w, row)) return false;
+    writeCoverageRow(evaluator, w.blockSamples[index - w.blockBegin], distance, row, w, out);
+    return true;
+  }
+  const OrientationSample sample = grid[index];
+  if (!computeCoverageRow(evaluator, sample, w, row)) return false;
+  // The reference rows keep the formatted print, which the fast text must
+  // match byte for byte.
+  out.print("%lf %lf %0.1lf %0.1lf %d 0 0 0 %d %d %lf %lf", sample.longitude, sample.latitude, distance, 0.0,
+            row.visibleCount, row.grade.first, row.grade.second, row.rotationSigma, row.positionSigma);
+  const std::vector<int32_t>& channels = evaluator.model->channels;
+  for (size_t i = 0; i < w.view.visibilityTests.size(); ++i)
+    if (w.view.visibleNow[i]) out.putSpaceAndInteger(channels[i]);
+  out.putChar('\n');
   return true;
 }
 
 // One sensitivity row into `out`; the device at `position` turned by the
 // sample's orientation, so that it keeps facing the station.
-bool sensitivityRow(const CoverageEvaluator& evaluator, const TableSensors* fast, const OrientationSample& sample,
+bool sensitivityRow(const CoverageEvaluator& evaluator, const TableSensors* fast, const ReportGrid& grid, size_t index,
                     const Eigen::Vector3d& position, RowWorker& w, TextBuffer& out) {
-  const double w0 = sample.quaternion[0];
-  const Eigen::Vector3d u(sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]);
-  const Eigen::Vector3d uxp = u.cross(position);
-  const Eigen::Vector3d moved = position + 2.0 * w0 * uxp + 2.0 * u.cross(uxp);
-
+  const OrientationSample sample = fast != nullptr ? w.blockSamples[index - w.blockBegin] : grid[index];
+  const Eigen::Vector3d moved = movedPosition(position, sample);
   double sigma[3] = {1.0, 1.0, 1.0};
-  const StationPose pose = {{moved.x(), moved.y(), moved.z()},
-                            {sample.quaternion[0], sample.quaternion[1], sample.quaternion[2], sample.quaternion[3]}};
+  const StationPose pose = coveragePose(moved, sample);
   const int32_t visible = fast != nullptr ? 0 : markVisibleSensors(w.view, pose);
-  if (fast != nullptr) sensitivitySigmasFast(evaluator, *fast, sample, moved, w, sigma);
+  if (fast != nullptr) sensitivitySigmasFast(evaluator, *fast, index, moved, w, sigma);
   if (visible != 0) {
     const PoseParameters parameters = {{moved.x(), moved.y(), moved.z()},
                                        {sample.rotationVector[0], sample.rotationVector[1], sample.rotationVector[2]}};
@@ -509,7 +543,10 @@ bool sensitivityRow(const CoverageEvaluator& evaluator, const TableSensors* fast
   for (double& s : sigma)
     if (!(s <= 1.0)) s = 1.0;
 
-  writeSensitivityRow(sample, sigma, out);
+  if (fast != nullptr)
+    writeSensitivityRow(sample, sigma, out);
+  else
+    out.print("%lf %lf %lf %lf %lf\n", sample.longitude, sample.latitude, sigma[0], sigma[1], sigma[2]);
   return true;
 }
 
@@ -531,17 +568,15 @@ struct TableOutcome {
 // and cost about the same; the few blocks per thread even out the differences
 // between them before the caller writes the wave.
 constexpr size_t kBlocksPerThread = 8;
-constexpr size_t kMaxBlockRows = 1024;
 
 // Computes rows 0 to rowCount - 1 with `row(index, worker, text)` over the
-// pool, and writes their text to the standard output stream in row order,
-// wave by wave: each wave hands out kBlocksPerThread blocks for every thread,
-// and the caller writes them once all are done. The output is that of the
-// rows one after another on one thread. `rowBytes` is the longest text a row
-// is likely to take; the buffers are made for it once.
-template <class Row>
+// pool, each block of them after `prepare(begin, end, worker)`, and writes their text to the standard output stream in
+// row order, wave by wave: each wave hands out kBlocksPerThread blocks for every thread, and the caller writes them
+// once all are done. The output is that of the rows one after another on one thread. `rowBytes` is the longest text a
+// row is likely to take; the buffers are made for it once.
+template <class Prepare, class Row>
 TableOutcome writeRowsInOrder(size_t rowCount, size_t rowBytes, WorkerPool& pool, std::vector<RowWorker>& workers,
-                              std::FILE* output, Row&& row) {
+                              std::FILE* output, Prepare&& prepare, Row&& row) {
   TableOutcome outcome;
   const size_t slots = kBlocksPerThread * static_cast<size_t>(pool.size());
   const size_t blockRows = std::min(kMaxBlockRows, std::max<size_t>(1, (rowCount + slots - 1) / slots));
@@ -559,6 +594,7 @@ TableOutcome writeRowsInOrder(size_t rowCount, size_t rowBytes, WorkerPool& pool
       block.stopped = false;
       const size_t begin = first + static_cast<size_t>(b) * blockRows;
       const size_t end = std::min(begin + blockRows, rowCount);
+      prepare(begin, end, w);
       for (size_t r = begin; r < end; ++r)
         if (!row(r, w, block.text)) {
           block.stopped = true;
@@ -830,9 +866,15 @@ Result<std::vector<int32_t>> printCoverageTable(CoverageEvaluator& evaluator, co
   // and one channel below 32 for each sensor.
   const size_t rowBytes = 96 + static_cast<size_t>(std::max(0, std::snprintf(nullptr, 0, "%0.1lf", distance))) +
                           4 * evaluator.observations->visibilityTests.size();
-  const TableOutcome outcome =
-      writeRowsInOrder(grid.size(), rowBytes, pool, workers, output, [&](size_t row, RowWorker& w, TextBuffer& out) {
-        return coverageRow(evaluator, fast, grid[row], distance, w, out);
+  const TableOutcome outcome = writeRowsInOrder(
+      grid.size(), rowBytes, pool, workers, output,
+      [&](size_t begin, size_t end, RowWorker& w) {
+        if (fast != nullptr)
+          seeBlock(
+              sensors, grid, begin, end, [&p](const OrientationSample& s) { return coveragePose(p, s); }, w);
+      },
+      [&](size_t row, RowWorker& w, TextBuffer& out) {
+        return coverageRow(evaluator, fast, grid, row, distance, w, out);
       });
   if (outcome.missingChannel >= 0)
     return Status::failure("The sensor model has no position for channel " + std::to_string(outcome.missingChannel) +
@@ -854,7 +896,13 @@ Result<std::vector<int32_t>> printSensitivityTable(CoverageEvaluator& evaluator,
   const Eigen::Vector3d& p = evaluator.position;
   const TableOutcome outcome = writeRowsInOrder(
       grid.size(), 64, pool, workers, output,
-      [&](size_t row, RowWorker& w, TextBuffer& out) { return sensitivityRow(evaluator, fast, grid[row], p, w, out); });
+      [&](size_t begin, size_t end, RowWorker& w) {
+        if (fast != nullptr)
+          seeBlock(
+              sensors, grid, begin, end,
+              [&p](const OrientationSample& s) { return coveragePose(movedPosition(p, s), s); }, w);
+      },
+      [&](size_t row, RowWorker& w, TextBuffer& out) { return sensitivityRow(evaluator, fast, grid, row, p, w, out); });
   gatherRowWorkers(evaluator, workers, outcome.lastWorker);
   return unseenChannels(evaluator);
 }

@@ -93,6 +93,13 @@ struct alignas(64) RowWorker {
   // The rays of a fast row, and the sensor of each.
   RayPacket packet;
   int32_t laneSensor[RayPacket::kSize];
+  // The block of fast rows under way: from row blockBegin, each row's
+  // sample, its pose's objectRotation (4 numbers a row) and the sensors it
+  // sees, made once per table.
+  size_t blockBegin = 0;
+  std::vector<OrientationSample> blockSamples;
+  std::vector<double> blockTurns;
+  std::vector<uint64_t> blockSeen;
   // The grade of the last fast row and the sensors it saw: a row that sees
   // the same ones has the same grade.
   uint64_t gradedSensors = 0;
