@@ -5,8 +5,8 @@
 # local pool and as a Slurm job array gives the same summary but for the wall
 # times; a sweep handed to Slurm without --wait prints its job id and is
 # resumed with nothing left to do once the job has ended; a job that Slurm
-# refuses is told with sbatch's own message. The cluster is stopped whatever
-# happens.
+# refuses is told with sbatch's own message, and one that it would keep
+# pending for ever is cancelled. The cluster is stopped whatever happens.
 set -euo pipefail
 # Settings of an outer Slurm job (a test run inside salloc) must not reach this cluster's clients.
 for variable in "${!SLURM_@}"; do unset "$variable"; done
@@ -100,4 +100,18 @@ sweep refused --engine slurm --partition nosuch
 [ $status -eq 1 ] || fail "a sweep on a partition that does not exist exited with $status"
 grep -q "Slurm refused the job array" "$work/refused.err" && grep -q "Invalid partition name specified" "$work/refused.err" ||
   fail "the refusal did not show sbatch's message: $(cat "$work/refused.err")"
+# A job that Slurm would keep pending for ever, as a cluster that does not
+# refuse impossible requests at submission does: a stand-in squeue gives the
+# reason, and the sweep cancels the real job instead of leaving it.
+mkdir "$work/never-bin"
+printf '#!/bin/sh\necho "PENDING|PartitionNodeLimit"\n' >"$work/never-bin/squeue"
+chmod +x "$work/never-bin/squeue"
+set +e
+never=$(PATH="$work/never-bin:$PATH" timeout 60 "$lab" sweep --out "$work/never" "${later[@]}" 2>&1)
+status=$?
+set -e
+[ $status -eq 1 ] || fail "a sweep whose job would never start exited with $status: $never"
+job=$(sed -n 's/.*Slurm would never start job \([0-9]*\): it is pending with the reason PartitionNodeLimit.*cancelled$/\1/p' <<<"$never")
+[ -n "$job" ] || fail "the sweep did not say that it cancelled the job: $never"
+scontrol --oneliner show job "$job" | grep -q "JobState=CANCELLED" || fail "job $job was not cancelled"
 echo "PASS"
