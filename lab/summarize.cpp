@@ -16,6 +16,7 @@
 #include "common/files.h"
 #include "common/output_file.h"
 #include "lab/cli.h"
+#include "lab/design.h"
 #include "lab/lab.h"
 #include "lab/processes.h"
 #include "lab/settings.h"
@@ -292,15 +293,15 @@ std::vector<std::string> pageOptions(const Sweep& sweep) {
   std::set<std::string> taken;
   for (const auto& defs : {meshOptionDefs(), scoreSettingDefs(), searchSettingDefs()})
     for (const OptionDef& def : defs) taken.insert(std::string("--") + def.name);
+  std::set<std::string> withValue;
+  for (const OptionDef& def : designSpec().options)
+    if (def.argument != nullptr) withValue.insert(std::string("--") + def.name);
   std::vector<std::string> options;
   for (size_t i = 0; i < sweep.designOptions.size(); ++i) {
     const std::string& option = sweep.designOptions[i];
-    const bool withValue = i + 1 < sweep.designOptions.size() && sweep.designOptions[i + 1].rfind("--", 0) != 0;
-    if (taken.count(option) != 0) {
-      options.push_back(option);
-      if (withValue) options.push_back(sweep.designOptions[i + 1]);
-    }
-    if (withValue) ++i;
+    const size_t words = withValue.count(option) != 0 && i + 1 < sweep.designOptions.size() ? 2 : 1;
+    if (taken.count(option) != 0) options.insert(options.end(), &option, &option + words);
+    i += words - 1;
   }
   return options;
 }
@@ -381,8 +382,8 @@ int runSummarize(int argc, char** argv) {
     report << plural(rows.size(), "run") << ": " << tally.counts() << "\n" << tally.unfinished;
   report << "written: " << printablePath(folder + "/summary.csv");
   if (best->written > 0)
-    report << ", " << printablePath(folder + "/best/") << " (" << best->written
-           << " models with their scripts and run records)";
+    report << ", " << printablePath(folder + "/best/") << " (" << plural(static_cast<size_t>(best->written), "model")
+           << " with their scripts and run records)";
   Status plotted;
   if (best->written > 0) {
     plotted = drawPlot(folder, variants);
