@@ -14,7 +14,12 @@
 // The machine may be shared: every time is the best of a few repetitions,
 // and the load is printed before and after.
 //
+// With --scaling it prints instead how a trial and the default table grow with
+// the sensors (8, 16, 32), the orientations (1,250, 5,000, 20,000) and the
+// size of the mesh (generated spheres of 30k, 300k and 3M triangles).
+//
 //   perf_bench [trials] [--no-memory]     (default 1000 trials in the design run)
+//   perf_bench --scaling
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -101,8 +106,9 @@ struct Trials {
   std::vector<double> scores;
 };
 
-Trials runTrials(TrackedSurface& surface, WorkerPool& pool, int count) {
-  Search search(surface, pool, kSensors, kOrientations, 3, 0.96);
+Trials runTrials(TrackedSurface& surface, WorkerPool& pool, int count, int sensors = kSensors,
+                 int orientations = kOrientations) {
+  Search search(surface, pool, sensors, orientations, 3, 0.96);
   Annealer& annealer = *search.annealer;
   FastScorer scorer(annealer.evaluator, pool);
   Trials out;
@@ -110,7 +116,7 @@ Trials runTrials(TrackedSurface& surface, WorkerPool& pool, int count) {
   double batch = 0.0, best = 1e300;
   int64_t rays = 0, evaluated = 0;
   for (int i = 0; i < count; ++i) {
-    const int sensor = i % kSensors;
+    const int sensor = i % sensors;
     Eigen::Vector3d& point = search.model->points[sensor];
     Eigen::Vector3d& normal = search.model->normals[sensor];
     const Eigen::Vector3d savedPoint = point, savedNormal = normal;
@@ -261,7 +267,7 @@ void designRun(TrackedSurface& surface, WorkerPool& two, int count) {
 }
 
 // The default analysis table of the design's first placement, to /dev/null.
-double tableSeconds(Search& search, WorkerPool& pool, RowPath path) {
+double tableSeconds(const Search& search, WorkerPool& pool, RowPath path) {
   CoverageEvaluator evaluator;
   SensorModel& model = *search.model;
   model.cosMaxIncidence = std::cos(60.0 * 0.017453292519943295);
@@ -343,14 +349,41 @@ void memory() {
   std::printf("  %-40s %6.0f\n", "the 0.1 degree table (6.5 million rows)", table);
 }
 
+// One line of the scaling table: the best trial time of three runs of 300
+// trials, and the best of two default tables, on the pool.
+void scalingLine(const char* what, TrackedSurface& surface, WorkerPool& pool, int sensors, int orientations) {
+  double trial = 1e300, table = 1e300;
+  for (int repeat = 0; repeat < 3; ++repeat)
+    trial = std::min(trial, runTrials(surface, pool, 300, sensors, orientations).seconds);
+  Search search(surface, pool, sensors, orientations, 3, 0.96);
+  for (int repeat = 0; repeat < 2; ++repeat) table = std::min(table, tableSeconds(search, pool, RowPath::Fast));
+  std::printf("  %-34s %8d %8d %12.4f %10.3f\n", what, sensors, orientations, trial * 1e3, table);
+}
+
+void scaling(TrackedSurface& headset, WorkerPool& pool) {
+  std::printf("\n%-36s %8s %8s %12s %10s\n", "", "sensors", "orient.", "ms / trial", "table s");
+  for (int sensors : {8, 16, 32}) scalingLine("headset, 30k triangles", headset, pool, sensors, kOrientations);
+  for (int orientations : {5000, 20000}) scalingLine("headset, 30k triangles", headset, pool, 16, orientations);
+  for (int side : {122, 387, 1225}) {
+    const std::string path = "/tmp/sensorlay_perf_sphere_" + std::to_string(getpid()) + ".stl";
+    testing::writeStlBinary(path, testing::sphereMesh(0.1f, side, side));
+    TrackedSurface sphere(path, {});
+    std::remove(path.c_str());
+    const std::string what = "sphere, " + std::to_string(sphere.faceCount()) + " triangles";
+    scalingLine(what.c_str(), sphere, pool, 16, kOrientations);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   int count = 1000;
-  bool withMemory = true;
+  bool withMemory = true, scalingOnly = false;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--no-memory") == 0)
       withMemory = false;
+    else if (std::strcmp(argv[i], "--scaling") == 0)
+      scalingOnly = true;
     else
       count = std::max(1, std::atoi(argv[i]));
   }
@@ -360,6 +393,12 @@ int main(int argc, char** argv) {
               surface.faceCount(), kSensors, kOrientations, designIncidenceDegrees(kOrientations));
   std::printf("load average at start: %s (%u hardware threads)\n", loadAverage().c_str(),
               std::thread::hardware_concurrency());
+  if (scalingOnly) {
+    WorkerPool one(1);
+    scaling(surface, one);
+    std::printf("\nload average at end: %s\n", loadAverage().c_str());
+    return 0;
+  }
   trials(surface, two);
   designRun(surface, two, count);
   table(surface, two);

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -15,9 +16,23 @@ namespace {
 // Spins before a thread blocks: a few microseconds, enough to catch a run
 // that follows straight on, too little to take a shared core from anyone.
 constexpr int kSpins = 256;
-// Spins of a thread kept awake between yields of its core, so that a shared
-// machine's other work still gets its turn.
-constexpr int kAwakeSpinsPerYield = 4096;
+// A thread kept awake spins for at most this long without work, and yields
+// its core every few spins: on a machine shared with other work the thread
+// it waits for may need that very core, and a spinner that holds it makes
+// the wait longer, not shorter.
+constexpr int kAwakeSpinsPerYield = 64;
+constexpr std::chrono::microseconds kAwakeSpinLimit{50};
+
+// Whether a thread kept awake that has spun `spin` times may go on
+// spinning; yields the core now and then. `start` is when it first asked,
+// or zero before.
+bool spinAwake(int spin, std::chrono::steady_clock::time_point& start) {
+  if (spin % kAwakeSpinsPerYield != kAwakeSpinsPerYield - 1) return true;
+  std::this_thread::yield();
+  const auto now = std::chrono::steady_clock::now();
+  if (start == std::chrono::steady_clock::time_point()) start = now;
+  return now - start < kAwakeSpinLimit;
+}
 
 inline void cpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -135,11 +150,12 @@ void WorkerPool::runErased(int taskCount, Call call, void* context) {
   drain(0);
 
   bool finished = false;
-  for (int spin = 0; !finished && (spin < kSpins || s.awake.load(std::memory_order_relaxed) > 0); ++spin) {
+  std::chrono::steady_clock::time_point since;
+  for (int spin = 0; !finished; ++spin) {
     finished = s.busy.load(std::memory_order_acquire) == 0;
     if (finished) break;
+    if (spin >= kSpins && (s.awake.load(std::memory_order_relaxed) == 0 || !spinAwake(spin, since))) break;
     cpuRelax();
-    if (spin % kAwakeSpinsPerYield == kAwakeSpinsPerYield - 1) std::this_thread::yield();
   }
   if (!finished) {
     std::unique_lock<std::mutex> lock(s.doneMutex);
@@ -170,9 +186,10 @@ void WorkerPool::workerLoop(int worker) {
   uint64_t seen = 0;
   for (;;) {
     uint64_t g = s.generation.load(std::memory_order_acquire);
-    for (int spin = 0; g == seen && (spin < kSpins || s.awake.load(std::memory_order_relaxed) > 0); ++spin) {
+    std::chrono::steady_clock::time_point since;
+    for (int spin = 0; g == seen; ++spin) {
+      if (spin >= kSpins && (s.awake.load(std::memory_order_relaxed) == 0 || !spinAwake(spin, since))) break;
       cpuRelax();
-      if (spin % kAwakeSpinsPerYield == kAwakeSpinsPerYield - 1) std::this_thread::yield();
       g = s.generation.load(std::memory_order_acquire);
     }
     if (g == seen) {

@@ -65,6 +65,7 @@ struct FastScorer::WorkerScratch {
   int32_t laneSample[RayPacket::kSize];
   LaneFrames frames;
   LaneSums sums;
+  alignas(64) int64_t aside[kShareSize];  // where unused lanes write
   LaneSolve solve;
   LaneRows rows;
 };
@@ -165,6 +166,23 @@ double FastScorer::referenceValue(int32_t s, uint64_t mask, int worker) {
   return evaluator_.score.valueOf(diagonal);
 }
 
+double FastScorer::cachedReferenceValue(int32_t s, uint64_t mask, int worker) {
+  // Without the moved sensor, the value depends on sensors whose places the
+  // entry's stamp tells: a trial that moves a sensor out of a view and is
+  // put back finds the rest of the view's value here the next time.
+  const bool cacheable = trial_.sensor < 0 || (mask >> trial_.sensor & 1) == 0;
+  ReferenceEntry& entry = referenceCache_[static_cast<size_t>(s)];
+  if (cacheable && entry.mask == mask) {
+    bool current = true;
+    for (uint64_t m = mask; m != 0 && current; m &= m - 1)
+      current = placedAt_[static_cast<size_t>(__builtin_ctzll(m))] <= entry.stamp;
+    if (current) return entry.value;
+  }
+  const double value = referenceValue(s, mask, worker);
+  if (cacheable) entry = {mask, epoch_, value};
+  return value;
+}
+
 double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, const LaneSolve& solve, int lane,
                               int worker, bool& reference) {
   const SampleFrame& f = frames_[static_cast<size_t>(s)];
@@ -177,7 +195,7 @@ double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, co
   // reference's LU decides those.
   if (seen < 3 || total[kOversizedAt] != 0 || !solve.solved[lane]) {
     reference = true;
-    return referenceValue(s, mask, worker) * f.weight;
+    return cachedReferenceValue(s, mask, worker) * f.weight;
   }
   const double x = std::sqrt(solve.position[lane]) + std::sqrt(solve.rotation[lane]);
   const double value = std::isnan(x) ? kNoAnswer : evaluator_.score.curve(x);
@@ -186,11 +204,8 @@ double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, co
 
 void FastScorer::solveBatch(const int32_t* samples, int count, int worker, TaskCounts& counts) {
   WorkerScratch& w = *scratch_[static_cast<size_t>(worker)];
-  for (int lane = 0; lane < kLanes; ++lane) {
-    // Unused lanes repeat the first sample.
-    const int64_t* total = totalOf(samples[lane < count ? lane : 0]);
-    for (int e = 0; e < kShareSize; ++e) w.sums.entry[e][lane] = total[e];
-  }
+  // Unused lanes repeat the first sample.
+  for (int lane = 0; lane < kLanes; ++lane) w.sums.in[lane] = totalOf(samples[lane < count ? lane : 0]);
   solveLanes(w.sums, scales_, kPivotFloor, w.solve);
   for (int lane = 0; lane < count; ++lane) {
     const int32_t s = samples[lane];
@@ -281,12 +296,13 @@ void FastScorer::moveBatch(const int32_t* samples, int count, uint64_t before, u
   WorkerScratch& w = *scratch_[static_cast<size_t>(worker)];
   uint32_t removing = 0, adding = 0;
   for (int lane = 0; lane < kLanes; ++lane) {
-    // Unused lanes repeat the first sample and leave its sum as it is.
+    // Unused lanes repeat the first sample and write their sums aside.
     const int32_t s = samples[lane < count ? lane : 0];
     const size_t at = static_cast<size_t>(s);
-    w.frames.set(lane, frames_[at].station);
-    const int64_t* total = totalOf(s, totalSlot_[at]);
-    for (int e = 0; e < kShareSize; ++e) w.sums.entry[e][lane] = total[e];
+    w.frames.frame[lane] = &frames_[at].station;
+    w.sums.in[lane] = totalOf(s, totalSlot_[at]);
+    // Into the free slot.
+    w.sums.out[lane] = lane < count ? totalOf(s, totalSlot_[at] ^ 1) : w.aside;
     if (lane >= count) continue;
     removing |= static_cast<uint32_t>(before >> (s - base) & 1) << lane;
     adding |= static_cast<uint32_t>(after >> (s - base) & 1) << lane;
@@ -296,6 +312,7 @@ void FastScorer::moveBatch(const int32_t* samples, int count, uint64_t before, u
   // same as if it had been added up from nothing, and an old share, worked
   // out again, is the very one that was added.
   exchangeShareLanes(w.frames, scales_, t.committedPoint, removing, t.point, adding, w.sums);
+  for (int lane = 0; lane < kLanes; ++lane) w.sums.in[lane] = w.sums.out[lane < count ? lane : 0];
   solveLanes(w.sums, scales_, kPivotFloor, w.solve);
   for (int lane = 0; lane < count; ++lane) {
     const int32_t s = samples[lane];
@@ -303,9 +320,7 @@ void FastScorer::moveBatch(const int32_t* samples, int count, uint64_t before, u
     touched_[at] = 1;
     previousMasks_[at] = masks_[at];
     previousTerms_[at] = terms_[at];
-    // Into the free slot.
-    int64_t* total = totalOf(s, totalSlot_[at] ^ 1);
-    for (int e = 0; e < kShareSize; ++e) total[e] = w.sums.entry[e][lane];
+    const int64_t* total = w.sums.out[lane];
     const uint64_t mask = (adding >> lane & 1) != 0 ? (masks_[at] | bit) : (masks_[at] & ~bit);
     masks_[at] = mask;
     bool reference = false;
@@ -342,15 +357,11 @@ void FastScorer::evaluateBlockFully(int32_t first, int32_t end, int worker, Task
       if (count == kLanes || (count > 0 && s + 1 == end)) {
         for (int lane = 0; lane < kLanes; ++lane) {
           const int32_t b = batch[lane < count ? lane : 0];
-          w.frames.set(lane, frames_[static_cast<size_t>(b)].station);
-          const int64_t* total = totalOf(b);
-          for (int e = 0; e < kShareSize; ++e) w.sums.entry[e][lane] = total[e];
+          w.frames.frame[lane] = &frames_[static_cast<size_t>(b)].station;
+          w.sums.in[lane] = totalOf(b);
+          w.sums.out[lane] = lane < count ? totalOf(b) : w.aside;
         }
         exchangeShareLanes(w.frames, scales_, point, 0, point, (1u << count) - 1, w.sums);
-        for (int lane = 0; lane < count; ++lane) {
-          int64_t* total = totalOf(batch[lane]);
-          for (int e = 0; e < kShareSize; ++e) total[e] = w.sums.entry[e][lane];
-        }
         count = 0;
       }
     }
@@ -516,6 +527,9 @@ double FastScorer::scoreAll() {
   for (size_t s = 0; s < n; ++s)
     if (!frames_[position_[s]].skipped) lastSample_ = position_[s];
 
+  trial_.sensor = -1;
+  referenceCache_.assign(n, ReferenceEntry());
+  placedAt_.assign(static_cast<size_t>(sensorCount_), epoch_);
   committed_.resize(static_cast<size_t>(sensorCount_) * 3);
   for (int32_t k = 0; k < sensorCount_; ++k)
     for (int c = 0; c < 3; ++c) committed_[static_cast<size_t>(k) * 3 + c] = model->points[static_cast<size_t>(k)][c];
@@ -537,7 +551,7 @@ double FastScorer::scoreAll() {
       for (int32_t s = first; s < end; ++s) {
         const size_t at = static_cast<size_t>(s);
         if (frames_[at].skipped) continue;
-        for (int lane = 0; lane < kLanes; ++lane) w.frames.set(lane, frames_[at].station);
+        for (int lane = 0; lane < kLanes; ++lane) w.frames.frame[lane] = &frames_[at].station;
         for (int32_t k = 0; k < sensorCount_; ++k) {
           if (!visible(s, k, FacingTest(*evaluator_.model, k))) continue;
           sensorRowLanes(w.frames, scales_, committed_.data() + static_cast<size_t>(k) * 3, w.rows);
@@ -570,6 +584,7 @@ double FastScorer::scoreMove(int32_t sensor) {
   assert(sensor >= 0 && sensor < sensorCount_);
   if (openSensor_ >= 0) accept();
   openSensor_ = sensor;
+  ++epoch_;
 
   // What every sample of the trial reads of the moved sensor.
   const SensorModel& model = *evaluator_.model;
@@ -603,6 +618,7 @@ double FastScorer::sumTerms() const {
 
 void FastScorer::accept() {
   if (openSensor_ < 0) return;
+  placedAt_[static_cast<size_t>(openSensor_)] = epoch_;
   // The shares at the new place are the ones in the sums from now on.
   std::copy(trial_.point, trial_.point + 3, committed_.begin() + static_cast<ptrdiff_t>(openSensor_) * 3);
   closing_ = Closing::kAccept;

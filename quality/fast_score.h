@@ -118,6 +118,7 @@ class FastScorer {
   double sampleTerm(int32_t s, uint64_t mask, const int64_t* total, const LaneSolve& solve, int lane, int worker,
                     bool& reference);
   double referenceValue(int32_t s, uint64_t mask, int worker);
+  double cachedReferenceValue(int32_t s, uint64_t mask, int worker);
   bool visible(int32_t s, int32_t sensor, const FacingTest& facing) const;
   int64_t* totalOf(int32_t s);  // the slot in use
   int64_t* totalOf(int32_t s, int slot);
@@ -173,6 +174,17 @@ class FastScorer {
   int32_t closingSensor_ = -1;
 
   Trial trial_;
+  // Each sample's last reference value of a view without the moved sensor,
+  // with the trial it was worked out in; valid while no sensor of the view
+  // has been placed anew since (placedAt_, by trial).
+  struct ReferenceEntry {
+    uint64_t mask = 0;
+    uint64_t stamp = 0;
+    double value = 0.0;
+  };
+  std::vector<ReferenceEntry> referenceCache_;
+  std::vector<uint64_t> placedAt_;
+  uint64_t epoch_ = 0;                                   // the trials so far
   std::vector<std::unique_ptr<WorkerScratch>> scratch_;  // one per worker
   std::vector<TaskCounts> taskCounts_;
 

@@ -32,6 +32,59 @@ void store(double* p, Lanes v) { std::memcpy(p, &v, sizeof v); }
 void storeInts(int64_t* p, IntLanes v) { std::memcpy(p, &v, sizeof v); }
 Lanes broadcast(double x) { return Lanes{} + x; }
 
+// Eight rows of eight numbers, each from its own place, as eight columns:
+// out[j][lane] = row[lane][j].
+template <class V, class T>
+__attribute__((always_inline)) inline void transpose(const T* const row[kLanes], V out[kLanes]) {
+  static_assert(kLanes == 8, "an 8 x 8 transpose");
+  V r[8];
+#pragma GCC unroll 8
+  for (int i = 0; i < 8; ++i) std::memcpy(&r[i], row[i], sizeof(V));
+  const IntLanes low = {0, 8, 2, 10, 4, 12, 6, 14}, high = {1, 9, 3, 11, 5, 13, 7, 15};
+  const IntLanes pairLow = {0, 1, 8, 9, 4, 5, 12, 13}, pairHigh = {2, 3, 10, 11, 6, 7, 14, 15};
+  const IntLanes halfLow = {0, 1, 2, 3, 8, 9, 10, 11}, halfHigh = {4, 5, 6, 7, 12, 13, 14, 15};
+  V t[8], u[8];
+#pragma GCC unroll 4
+  for (int i = 0; i < 8; i += 2) {
+    t[i] = __builtin_shuffle(r[i], r[i + 1], low);
+    t[i + 1] = __builtin_shuffle(r[i], r[i + 1], high);
+  }
+#pragma GCC unroll 2
+  for (int i = 0; i < 8; i += 4) {
+    u[i] = __builtin_shuffle(t[i], t[i + 2], pairLow);
+    u[i + 1] = __builtin_shuffle(t[i], t[i + 2], pairHigh);
+    u[i + 2] = __builtin_shuffle(t[i + 1], t[i + 3], pairLow);
+    u[i + 3] = __builtin_shuffle(t[i + 1], t[i + 3], pairHigh);
+  }
+  // u[0] holds columns 0 and 4 of rows 0-3, u[1] 2 and 6, u[2] 1 and 5,
+  // u[3] 3 and 7; u[4..7] the same of rows 4-7.
+  const int first[4] = {0, 2, 1, 3};
+#pragma GCC unroll 4
+  for (int i = 0; i < 4; ++i) {
+    out[first[i]] = __builtin_shuffle(u[i], u[i + 4], halfLow);
+    out[first[i] + 4] = __builtin_shuffle(u[i], u[i + 4], halfHigh);
+  }
+}
+
+// The frames' numbers as columns: F[i][lane] = frame[lane] number i.
+void frameColumns(const LaneFrames& frames, Lanes F[40]) {
+  for (int block = 0; block < 5; ++block) {
+    const double* row[kLanes];
+    for (int lane = 0; lane < kLanes; ++lane)
+      row[lane] = reinterpret_cast<const double*>(frames.frame[lane]) + 8 * block;
+    transpose(row, F + 8 * block);
+  }
+}
+
+// The sums' entries as columns.
+void sumColumns(const int64_t* const in[kLanes], IntLanes entry[kShareSize]) {
+  for (int block = 0; block < kShareSize / 8; ++block) {
+    const int64_t* row[kLanes];
+    for (int lane = 0; lane < kLanes; ++lane) row[lane] = in[lane] + 8 * block;
+    transpose(row, entry + 8 * block);
+  }
+}
+
 // The lanes whose bit is set in `bits`, as all-ones.
 IntLanes laneMask(uint32_t bits) {
   IntLanes m;
@@ -47,10 +100,10 @@ constexpr int kSecondRowColumns[5] = {1, 2, 3, 4, 5};
 
 // The rows of a sensor at `point`: X = R p + t, its derivative by the
 // rotation vector M = sum_i p_i dR e_i, and the gradients of the two angles.
-void rows(const LaneFrames& frames, const ShareScales& scales, const double point[3], Lanes r0[6], Lanes r1[6]) {
+void rows(const Lanes frame[40], const ShareScales& scales, const double point[3], Lanes r0[6], Lanes r1[6]) {
   const double px = point[0], py = point[1], pz = point[2];
   const double* t = scales.translation;
-  auto F = [&](int i) { return load(frames.number[i]); };
+  auto F = [&](int i) { return frame[i]; };
   const Lanes x = F(0) * px + F(1) * py + F(2) * pz + t[0];
   const Lanes y = F(3) * px + F(4) * py + F(5) * pz + t[1];
   const Lanes z = F(6) * px + F(7) * py + F(8) * pz + t[2];
@@ -107,8 +160,9 @@ void share(const Lanes r0[6], const Lanes r1[6], double fixedScale, IntLanes out
 }  // namespace
 
 void sensorRows(const LaneFrames& frames, const ShareScales& scales, const double point[3], LaneRows& out) {
-  Lanes r0[6], r1[6];
-  rows(frames, scales, point, r0, r1);
+  Lanes F[40], r0[6], r1[6];
+  frameColumns(frames, F);
+  rows(F, scales, point, r0, r1);
   for (int c = 0; c < 6; ++c) {
     store(out.value[c], r0[c]);
     store(out.value[6 + c], r1[c]);
@@ -116,30 +170,41 @@ void sensorRows(const LaneFrames& frames, const ShareScales& scales, const doubl
 }
 
 void exchangeShares(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],
-                    uint32_t removing, const double addedPoint[3], uint32_t adding, LaneSums& sums) {
-  IntLanes removed[kShareSize], added[kShareSize];
-  Lanes r0[6], r1[6];
+                    uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums) {
+  IntLanes removed[kShareSize], added[kShareSize], entry[kShareSize];
+  Lanes F[40], r0[6], r1[6];
+  frameColumns(frames, F);
   const IntLanes removeMask = laneMask(removing), addMask = laneMask(adding);
   if (removing != 0) {
-    rows(frames, scales, removedPoint, r0, r1);
+    rows(F, scales, removedPoint, r0, r1);
     share(r0, r1, scales.fixedScale, removed);
   }
   if (adding != 0) {
-    rows(frames, scales, addedPoint, r0, r1);
+    rows(F, scales, addedPoint, r0, r1);
     share(r0, r1, scales.fixedScale, added);
   }
+  sumColumns(sums.in, entry);
   for (int e = 0; e < kShareSize; ++e) {
-    const IntLanes old = loadInts(sums.entry[e]);
     const IntLanes less = removing != 0 ? removed[e] & removeMask : IntLanes{};
     const IntLanes more = adding != 0 ? added[e] & addMask : IntLanes{};
-    storeInts(sums.entry[e], old - less + more);
+    entry[e] = entry[e] - less + more;
+  }
+  // Back to the lanes' own sums: the transpose of the transpose.
+  for (int block = 0; block < kShareSize / 8; ++block) {
+    const int64_t* column[kLanes];
+    for (int j = 0; j < kLanes; ++j) column[j] = reinterpret_cast<const int64_t*>(&entry[8 * block + j]);
+    IntLanes row[kLanes];
+    transpose(column, row);
+    for (int lane = 0; lane < kLanes; ++lane) storeInts(sums.out[lane] + 8 * block, row[lane]);
   }
 }
 
 void solve(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out) {
   // The 1 / s2 is applied to the variances at the end.
   const double unit = 1.0 / scales.fixedScale;
-  auto entry = [&](int e) { return __builtin_convertvector(loadInts(sums.entry[e]), Lanes) * unit; };
+  IntLanes sum[kShareSize];
+  sumColumns(sums.in, sum);
+  auto entry = [&](int e) { return __builtin_convertvector(sum[e], Lanes) * unit; };
   Lanes a[6] = {}, b[6] = {};
   for (int e = 0; e < 5; ++e) {
     a[kFirstRowColumns[e]] = entry(kFirstRowAt + e);

@@ -10,7 +10,7 @@ namespace sensorlay {
 #define SENSORLAY_LANE_DECLARATIONS                                                                           \
   void sensorRows(const LaneFrames& frames, const ShareScales& scales, const double point[3], LaneRows& out); \
   void exchangeShares(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],      \
-                      uint32_t removing, const double addedPoint[3], uint32_t adding, LaneSums& sums);        \
+                      uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums);  \
   void solve(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out);
 namespace lanesBase {
 SENSORLAY_LANE_DECLARATIONS
@@ -115,7 +115,7 @@ void sensorRowLanes(const LaneFrames& frames, const ShareScales& scales, const d
 }
 
 void exchangeShareLanes(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],
-                        uint32_t removing, const double addedPoint[3], uint32_t adding, LaneSums& sums) {
+                        uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums) {
   kernels().exchangeShares(frames, scales, removedPoint, removing, addedPoint, adding, sums);
 }
 

@@ -34,8 +34,8 @@ constexpr double kEntryLimit = 72057594037927936.0;  // 2^56
 struct StationRotation {
   double rotation[9];  // row-major
   double derivative[27];
+  double padding[4] = {0.0, 0.0, 0.0, 0.0};  // to a whole number of vectors of kLanes
 };
-constexpr int kFrameNumbers = 36;
 StationRotation stationRotation(const double rotationVector[3]);
 
 // The two rows of the two-sweep station's Jacobian for a sensor at `point`,
@@ -56,19 +56,15 @@ struct ShareScales {
   double sharedAngleShare = 0.0;
 };
 
-// Entry by entry, lane by lane: sums.entry[e][lane].
-struct alignas(64) LaneSums {
-  int64_t entry[kShareSize][kLanes];
+// The samples of the lanes: each lane's station frame, and its sums (a
+// share's kShareSize entries), read where they stand. Unused lanes repeat a
+// used one; the sums written for them go to a place of their own.
+struct LaneFrames {
+  const StationRotation* frame[kLanes];
 };
-
-// The station frames of up to kLanes samples, number by number.
-struct alignas(64) LaneFrames {
-  double number[kFrameNumbers][kLanes];
-
-  void set(int lane, const StationRotation& frame) {
-    for (int i = 0; i < 9; ++i) number[i][lane] = frame.rotation[i];
-    for (int i = 0; i < 27; ++i) number[9 + i][lane] = frame.derivative[i];
-  }
+struct LaneSums {
+  const int64_t* in[kLanes];
+  int64_t* out[kLanes];
 };
 
 // The two rows of the two-sweep station's Jacobian of a sensor at `point` in
@@ -80,13 +76,13 @@ struct alignas(64) LaneRows {
 };
 void sensorRowLanes(const LaneFrames& frames, const ShareScales& scales, const double point[3], LaneRows& rows);
 
-// sums = sums - (lane in `removing`: share at removedPoint) + (lane in
+// out = in - (lane in `removing`: share at removedPoint) + (lane in
 // `adding`: share at addedPoint), bits of lanes in the masks. Exact: the
-// shares are whole numbers.
+// shares are whole numbers. `out` may be `in`.
 void exchangeShareLanes(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],
-                        uint32_t removing, const double addedPoint[3], uint32_t adding, LaneSums& sums);
+                        uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums);
 
-// The uncertainty of each lane's sum, A = (S - g (a a^T + b b^T)) / s2 with
+// The uncertainty of each lane's sum (sums.in), A = (S - g (a a^T + b b^T)) / s2 with
 // S the sum of the rows' outer products and a, b the sums of the first and
 // the second rows, by LDL^T: position[lane] the sum of the three position
 // variances, rotation[lane] that of the rotation variances in radians.
