@@ -126,6 +126,23 @@ bool poseCovariance(const SweepObservationSet& set, const PoseParameters& pose, 
   return true;
 }
 
+// A coverage row from its numbers: an uncertainty beyond a metre or a radian,
+// or none at all, is no fix.
+void settleCoverageRow(int32_t visible, ViewGrade grade, double positionSigma, double rotationSigma, CoverageRow& row) {
+  if (!(positionSigma <= 1.0)) {
+    positionSigma = 1.0;
+    grade = {0, 100};
+  }
+  if (!(rotationSigma <= 1.0)) {
+    rotationSigma = 1.0;
+    grade = {0, 100};
+  }
+  row.visibleCount = visible;
+  row.grade = grade;
+  row.rotationSigma = rotationSigma;
+  row.positionSigma = positionSigma;
+}
+
 }  // namespace
 
 RowWorker::RowWorker(const CoverageEvaluator& evaluator) : view(*evaluator.observations) {
@@ -171,20 +188,7 @@ bool computeCoverageRow(const CoverageEvaluator& evaluator, const OrientationSam
     return false;
   }
 
-  // An uncertainty beyond a metre or a radian, or none at all, is no fix.
-  if (!(positionSigma <= 1.0)) {
-    positionSigma = 1.0;
-    grade = {0, 100};
-  }
-  if (!(rotationSigma <= 1.0)) {
-    rotationSigma = 1.0;
-    grade = {0, 100};
-  }
-
-  row.visibleCount = visible;
-  row.grade = grade;
-  row.rotationSigma = rotationSigma;
-  row.positionSigma = positionSigma;
+  settleCoverageRow(visible, grade, positionSigma, rotationSigma, row);
   return true;
 }
 
@@ -459,19 +463,7 @@ bool computeCoverageRowFast(const CoverageEvaluator& evaluator, const TableSenso
     w.graded = true;
   }
 
-  // An uncertainty beyond a metre or a radian, or none at all, is no fix.
-  if (!(positionSigma <= 1.0)) {
-    positionSigma = 1.0;
-    grade = {0, 100};
-  }
-  if (!(rotationSigma <= 1.0)) {
-    rotationSigma = 1.0;
-    grade = {0, 100};
-  }
-  row.visibleCount = visible;
-  row.grade = grade;
-  row.rotationSigma = rotationSigma;
-  row.positionSigma = positionSigma;
+  settleCoverageRow(visible, grade, positionSigma, rotationSigma, row);
   return true;
 }
 
