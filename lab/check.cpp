@@ -167,24 +167,24 @@ JsonOut factsJson(const MeshFacts& f) {
   return json;
 }
 
-const CommandSpec& checkSpec() {
-  static const CommandSpec spec = [] {
-    CommandSpec s{"check", "--sensors S.stl [--obstacles O.stl]... [options]",
-                  "Tells what score and design will make of the meshes: the triangle count, the size in\n"
-                  "millimetres and metres, the unit taken and why, the distance of the centre from the\n"
-                  "origin (the device is turned about the origin), triangles without area, zero, non-unit\n"
-                  "and reversed normals, open and non-manifold edges, an inside-out shell, an obstacle\n"
-                  "whose size suggests another unit, and the share of random spots where a sensor of the\n"
-                  "given size fits. Each finding says what to do. Exits with 1 when a finding makes a\n"
-                  "design meaningless (no triangles, all normals zero, normals pointing inwards, no room\n"
-                  "for a sensor), else with 0.",
-                  meshOptionDefs(),
-                  "  sensorlay-lab check --sensors puck.stl\n"
-                  "  sensorlay-lab check --sensors headset.stl --obstacles head.stl --units mm --json"};
+const CommandSyntax& checkSyntax() {
+  static const CommandSyntax syntax = [] {
+    CommandSyntax s{"check", "--sensors S.stl [--obstacles O.stl]... [options]",
+                    "Tells what score and design will make of the meshes: the triangle count, the size in\n"
+                    "millimetres and metres, the unit taken and why, the distance of the centre from the\n"
+                    "origin (the device is turned about the origin), triangles without area, zero, non-unit\n"
+                    "and reversed normals, open and non-manifold edges, an inside-out shell, an obstacle\n"
+                    "whose size suggests another unit, and the share of random spots where a sensor of the\n"
+                    "given size fits. Each finding says what to do. Exits with 1 when a finding makes a\n"
+                    "design meaningless (no triangles, all normals zero, normals pointing inwards, no room\n"
+                    "for a sensor), else with 0.",
+                    meshOptionDefs(),
+                    "  sensorlay-lab check --sensors puck.stl\n"
+                    "  sensorlay-lab check --sensors headset.stl --obstacles head.stl --units mm --json"};
     s.options.push_back({"json", nullptr, "print the facts and findings as one JSON object instead of text"});
     return s;
   }();
-  return spec;
+  return syntax;
 }
 
 }  // namespace
@@ -194,7 +194,7 @@ int runCheck(int argc, char** argv) {
   bool json = false;
   std::vector<std::string> positionals;
   const ParseOutcome parsed =
-      parseCommandLine(checkSpec(), argc, argv, positionals, [&](const std::string& name, const char* value) {
+      parseCommandLine(checkSyntax(), argc, argv, positionals, [&](const std::string& name, const char* value) {
         if (name == "json") {
           json = true;
           return std::string();

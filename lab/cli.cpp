@@ -16,11 +16,11 @@ constexpr int kHelpIndex = -2;
 
 }  // namespace
 
-ParseOutcome parseCommandLine(const CommandSpec& spec, int argc, char** argv, std::vector<std::string>& positionals,
+ParseOutcome parseCommandLine(const CommandSyntax& syntax, int argc, char** argv, std::vector<std::string>& positionals,
                               const OptionTaker& take) {
   std::vector<option> table;
-  for (size_t i = 0; i < spec.options.size(); ++i)
-    table.push_back({spec.options[i].name, spec.options[i].argument ? required_argument : no_argument, nullptr,
+  for (size_t i = 0; i < syntax.options.size(); ++i)
+    table.push_back({syntax.options[i].name, syntax.options[i].argument ? required_argument : no_argument, nullptr,
                      static_cast<int>(i)});
   table.push_back({"help", no_argument, nullptr, kHelpIndex});
   table.push_back({nullptr, 0, nullptr, 0});
@@ -34,19 +34,20 @@ ParseOutcome parseCommandLine(const CommandSpec& spec, int argc, char** argv, st
     const int code = getopt_long(argc, argv, ":", table.data(), &index);
     if (code == -1) break;
     if (code == kHelpIndex) {
-      std::fputs(helpText(spec).c_str(), stdout);
+      std::fputs(helpText(syntax).c_str(), stdout);
       return ParseOutcome::Help;
     }
     if (code == '?' || code == ':') {
       const char* word = argv[optind - 1];
       // An abbreviation that fits several options is unknown too.
-      usageError(spec.name, code == ':' ? std::string(word) + " needs a value" : std::string("unknown option ") + word);
+      usageError(syntax.name,
+                 code == ':' ? std::string(word) + " needs a value" : std::string("unknown option ") + word);
       return ParseOutcome::Usage;
     }
-    const OptionDef& def = spec.options[static_cast<size_t>(code)];
+    const OptionDef& def = syntax.options[static_cast<size_t>(code)];
     const std::string problem = take(def.name, optarg);
     if (!problem.empty()) {
-      usageError(spec.name, problem);
+      usageError(syntax.name, problem);
       return ParseOutcome::Usage;
     }
   }
@@ -59,10 +60,10 @@ void usageError(const std::string& command, const std::string& message) {
                command.c_str());
 }
 
-std::string helpText(const CommandSpec& spec) {
-  std::string text = std::string("usage: sensorlay-lab ") + spec.name + " " + spec.synopsis + "\n\n" +
-                     spec.description + "\n\nOptions:\n";
-  std::vector<OptionDef> all = spec.options;
+std::string helpText(const CommandSyntax& syntax) {
+  std::string text = std::string("usage: sensorlay-lab ") + syntax.name + " " + syntax.synopsis + "\n\n" +
+                     syntax.description + "\n\nOptions:\n";
+  std::vector<OptionDef> all = syntax.options;
   all.push_back({"help", nullptr, "this text"});
   for (const OptionDef& def : all) {
     std::string head = std::string("  --") + def.name;
@@ -76,7 +77,7 @@ std::string helpText(const CommandSpec& spec) {
     }
     text += "\n";
   }
-  text += std::string("\nExamples:\n") + spec.examples + "\n";
+  text += std::string("\nExamples:\n") + syntax.examples + "\n";
   return text;
 }
 

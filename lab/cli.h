@@ -25,7 +25,7 @@ struct OptionDef {
   const char* help;
 };
 
-struct CommandSpec {
+struct CommandSyntax {
   const char* name;         // "score"
   const char* synopsis;     // what follows the name in the usage line
   const char* description;  // what the subcommand does, in paragraphs
@@ -43,14 +43,14 @@ enum class ParseOutcome { Run, Help, Usage };
 // prints the help on the standard output stream; a usage error prints the two
 // lines of usageError. Options may come before, after or between the
 // positional arguments, which go to `positionals`.
-ParseOutcome parseCommandLine(const CommandSpec& spec, int argc, char** argv, std::vector<std::string>& positionals,
+ParseOutcome parseCommandLine(const CommandSyntax& syntax, int argc, char** argv, std::vector<std::string>& positionals,
                               const OptionTaker& take);
 
 // "sensorlay-lab CMD: MESSAGE" and "try 'sensorlay-lab CMD --help'" on the
 // standard error stream.
 void usageError(const std::string& command, const std::string& message);
 
-std::string helpText(const CommandSpec& spec);
+std::string helpText(const CommandSyntax& syntax);
 
 // A whole text as a number; nothing for anything else, trailing text and
 // numbers that are not finite included.

@@ -342,27 +342,28 @@ std::string utcNow() {
   return text;
 }
 
-const CommandSpec& designSpec() {
-  static const CommandSpec spec = [] {
-    CommandSpec s{"design", "--sensors S.stl --count N --out PREFIX [--obstacles O.stl]... [options]",
-                  "Searches by simulated annealing for the placement of N sensors on the surface that lets the\n"
-                  "pose be solved best, as sensorlay /generate does, and writes:\n"
-                  "  PREFIX.json           the model (plain JSON, metres) with its \"score\", \"seed\" and \"status\"\n"
-                  "  PREFIX.scad           OpenSCAD view; it imports the meshes by absolute path\n"
-                  "  PREFIX.coverage.json  the coverage summary, as score --json gives it\n"
-                  "  PREFIX.run.json       the run record: command line, version, seed, threads, each input's\n"
-                  "                        path, size and SHA-256, the settings, score, trials, wall time, status\n"
-                  "Every output path is checked before the search, and each file is written whole or not at\n"
-                  "all. The same seed gives the same files, but for the record's times and thread count, on\n"
-                  "any number of threads: the search's trial generator is seeded with the seed, the surface's\n"
-                  "generator with the seed XOR 0x9E3779B9. Without --seed one is drawn from the clock, printed\n"
-                  "and recorded. SIGINT or SIGTERM stops the search at its next trial; the best placement so\n"
-                  "far is written, marked \"interrupted\", and the exit status is 130 or 143. Progress goes to\n"
-                  "the standard error stream: one updating line on a terminal, else a line every 5 seconds.",
-                  meshOptionDefs(),
-                  "  sensorlay-lab design --sensors puck.stl --count 12 --seed 42 --out runs/puck-12\n"
-                  "  sensorlay-lab design --sensors shell.stl --obstacles head.stl --count 20 --min-spacing 8 \\\n"
-                  "      --quality-map front.png --seed 7 --threads 2 --out hmd-20"};
+const CommandSyntax& designSyntax() {
+  static const CommandSyntax syntax = [] {
+    CommandSyntax s{
+        "design", "--sensors S.stl --count N --out PREFIX [--obstacles O.stl]... [options]",
+        "Searches by simulated annealing for the placement of N sensors on the surface that lets the\n"
+        "pose be solved best, as sensorlay /generate does, and writes:\n"
+        "  PREFIX.json           the model (plain JSON, metres) with its \"score\", \"seed\" and \"status\"\n"
+        "  PREFIX.scad           OpenSCAD view; it imports the meshes by absolute path\n"
+        "  PREFIX.coverage.json  the coverage summary, as score --json gives it\n"
+        "  PREFIX.run.json       the run record: command line, version, seed, threads, each input's\n"
+        "                        path, size and SHA-256, the settings, score, trials, wall time, status\n"
+        "Every output path is checked before the search, and each file is written whole or not at\n"
+        "all. The same seed gives the same files, but for the record's times and thread count, on\n"
+        "any number of threads: the search's trial generator is seeded with the seed, the surface's\n"
+        "generator with the seed XOR 0x9E3779B9. Without --seed one is drawn from the clock, printed\n"
+        "and recorded. SIGINT or SIGTERM stops the search at its next trial; the best placement so\n"
+        "far is written, marked \"interrupted\", and the exit status is 130 or 143. Progress goes to\n"
+        "the standard error stream: one updating line on a terminal, else a line every 5 seconds.",
+        meshOptionDefs(),
+        "  sensorlay-lab design --sensors puck.stl --count 12 --seed 42 --out runs/puck-12\n"
+        "  sensorlay-lab design --sensors shell.stl --obstacles head.stl --count 20 --min-spacing 8 \\\n"
+        "      --quality-map front.png --seed 7 --threads 2 --out hmd-20"};
     s.options.push_back({"count", "N", "number of sensors, fixed ones included, 1 to 32 (required)"});
     s.options.push_back({"out", "PREFIX", "where the four files go: PREFIX.json, .scad, .coverage.json, .run.json"});
     s.options.push_back({"fixed", "MODEL.json", "sensors that stay where they are; they count towards --count"});
@@ -373,7 +374,7 @@ const CommandSpec& designSpec() {
     s.options.push_back({"quiet", nullptr, "no progress report"});
     return s;
   }();
-  return spec;
+  return syntax;
 }
 
 Result<JsonOut> describeInput(const std::string& path) {
@@ -445,7 +446,7 @@ int runDesign(int argc, char** argv) {
   DesignRequest request;
   std::vector<std::string> positionals;
   const ParseOutcome parsed = parseCommandLine(
-      designSpec(), argc, argv, positionals,
+      designSyntax(), argc, argv, positionals,
       [&](const std::string& name, const char* value) { return takeDesignOption(request, name, value); });
   if (parsed != ParseOutcome::Run) return parsed == ParseOutcome::Help ? kExitOk : kExitUsage;
   if (!positionals.empty()) {

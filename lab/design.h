@@ -24,7 +24,7 @@ struct DesignRequest {
   bool quiet = false;
 };
 
-const CommandSpec& designSpec();
+const CommandSyntax& designSyntax();
 
 // Takes one of design's options into the request: an empty text when taken,
 // else what is wrong with it.

@@ -121,7 +121,8 @@ Result<QualityMap> loadWeights(const DesignSettings& settings) {
   Result<QualityMap> map = QualityMap::load(settings.qualityMap);
   if (!map) return map;
   std::optional<double> normalization;
-  sampleOrientations(settings.orientations, *map, normalization);
+  const auto samples = sampleOrientations(settings.orientations, *map, normalization);
+  if (!samples) return samples.status();
   if (!normalization)
     return Status::failure("the quality map " + settings.qualityMap + " gives all " +
                            std::to_string(settings.orientations) +
@@ -140,7 +141,7 @@ Result<double> designScore(const Scene& scene, SensorModel& model, const DesignS
   evaluator.surface = scene.surface.get();
   evaluator.rebuildObservations();
   evaluator.qualityMap = map;
-  evaluator.sampleOrientations(settings.orientations);
+  if (const auto sampled = evaluator.sampleOrientations(settings.orientations); !sampled) return sampled.status();
   if (hasQualityRange(settings))
     evaluator.setQualityRange(*settings.qualityLowMm * 0.001, *settings.qualityHighMm * 0.001);
   evaluator.score.unseenCost = settings.unseenCost;

@@ -17,20 +17,21 @@ namespace sensorlay::lab {
 
 namespace {
 
-const CommandSpec& scoreSpec() {
-  static const CommandSpec spec = [] {
-    CommandSpec s{"score", "MODEL.json --sensors S.stl [--obstacles O.stl]... [options]",
-                  "Scores a sensor model as a design run with the same settings scores its placements\n"
-                  "(0 to 1000, lower is better), and summarises its coverage over a grid of directions,\n"
-                  "with the numbers of sensorlay's analysis table: the share of the sphere by the number\n"
-                  "of sensors seen and by grade, the median and 95th percentile of the position and\n"
-                  "rotation uncertainty where a pose can be solved, and the sensors never seen. The\n"
-                  "model is a model file of sensorlay or sensorlay-lab (coordinates in metres). Given a\n"
-                  "design's settings, it reproduces the score the design recorded. Zero normals of the\n"
-                  "surface are taken from the winding, with a note.",
-                  meshOptionDefs(),
-                  "  sensorlay-lab score puck-12.json --sensors puck.stl\n"
-                  "  sensorlay-lab score hmd.json --sensors shell.stl --obstacles head.stl --unseen-cost flat --json"};
+const CommandSyntax& scoreSyntax() {
+  static const CommandSyntax syntax = [] {
+    CommandSyntax s{
+        "score", "MODEL.json --sensors S.stl [--obstacles O.stl]... [options]",
+        "Scores a sensor model as a design run with the same settings scores its placements\n"
+        "(0 to 1000, lower is better), and summarises its coverage over a grid of directions,\n"
+        "with the numbers of sensorlay's analysis table: the share of the sphere by the number\n"
+        "of sensors seen and by grade, the median and 95th percentile of the position and\n"
+        "rotation uncertainty where a pose can be solved, and the sensors never seen. The\n"
+        "model is a model file of sensorlay or sensorlay-lab (coordinates in metres). Given a\n"
+        "design's settings, it reproduces the score the design recorded. Zero normals of the\n"
+        "surface are taken from the winding, with a note.",
+        meshOptionDefs(),
+        "  sensorlay-lab score puck-12.json --sensors puck.stl\n"
+        "  sensorlay-lab score hmd.json --sensors shell.stl --obstacles head.stl --unseen-cost flat --json"};
     for (const OptionDef& def : scoreSettingDefs()) s.options.push_back(def);
     for (const OptionDef& def : searchSettingDefs()) s.options.push_back(def);
     s.options.push_back({"threads", "N", "threads for the coverage summary (default 0: one per core)"});
@@ -43,7 +44,7 @@ const CommandSpec& scoreSpec() {
           def.help = "accepted as a design takes it; it does not change a score";
     return s;
   }();
-  return spec;
+  return syntax;
 }
 
 }  // namespace
@@ -55,7 +56,7 @@ int runScore(int argc, char** argv) {
   int32_t threads = 0;
   std::vector<std::string> positionals;
   const ParseOutcome parsed =
-      parseCommandLine(scoreSpec(), argc, argv, positionals, [&](const std::string& name, const char* value) {
+      parseCommandLine(scoreSyntax(), argc, argv, positionals, [&](const std::string& name, const char* value) {
         if (name == "json") {
           json = true;
           return std::string();

@@ -30,8 +30,8 @@ namespace {
 // all counts is the one to build: more sensors buy little beyond it.
 constexpr double kWithin = 0.05;
 
-const CommandSpec& summarizeSpec() {
-  static const CommandSpec spec{
+const CommandSyntax& summarizeSyntax() {
+  static const CommandSyntax syntax{
       "summarize",
       "DIR",
       "Summarizes the sweep in DIR from each run's own run record and coverage summary, whatever\n"
@@ -54,7 +54,7 @@ const CommandSpec& summarizeSpec() {
       "the plot could not be made, 2 for a wrong command line.",
       {},
       "  sensorlay-lab summarize ctl"};
-  return spec;
+  return syntax;
 }
 
 // A number as the shortest text that reads back as the same double.
@@ -294,7 +294,7 @@ std::vector<std::string> pageOptions(const Sweep& sweep) {
   for (const auto& defs : {meshOptionDefs(), scoreSettingDefs(), searchSettingDefs()})
     for (const OptionDef& def : defs) taken.insert(std::string("--") + def.name);
   std::set<std::string> withValue;
-  for (const OptionDef& def : designSpec().options)
+  for (const OptionDef& def : designSyntax().options)
     if (def.argument != nullptr) withValue.insert(std::string("--") + def.name);
   std::vector<std::string> options;
   for (size_t i = 0; i < sweep.designOptions.size(); ++i) {
@@ -353,7 +353,7 @@ Result<BestDesigns> writeBest(const Sweep& sweep, const std::vector<VariantStats
 
 int runSummarize(int argc, char** argv) {
   std::vector<std::string> positionals;
-  const ParseOutcome parsed = parseCommandLine(summarizeSpec(), argc, argv, positionals,
+  const ParseOutcome parsed = parseCommandLine(summarizeSyntax(), argc, argv, positionals,
                                                [](const std::string&, const char*) { return std::string(); });
   if (parsed != ParseOutcome::Run) return parsed == ParseOutcome::Help ? kExitOk : kExitUsage;
   if (positionals.size() != 1) {

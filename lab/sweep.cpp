@@ -32,8 +32,8 @@ namespace sensorlay::lab {
 
 namespace {
 
-const CommandSpec& sweepSpec() {
-  static const CommandSpec spec{
+const CommandSyntax& sweepSyntax() {
+  static const CommandSyntax syntax{
       "sweep",
       "--out DIR --counts LIST --seeds K [--variant NAME=S.stl[,O.stl...]]...\n"
       "       [--engine ENGINE] [options] -- [design options]",
@@ -87,11 +87,11 @@ const CommandSpec& sweepSpec() {
       "  sensorlay-lab sweep --out hmd --counts 12,16,20 --seeds 10 --engine slurm --time 1:00:00 --wait \\\n"
       "      --variant open=shell.stl,head.stl --variant closed=shell-closed.stl,head.stl -- --orientations 5000\n"
       "  sensorlay-lab summarize ctl"};
-  return spec;
+  return syntax;
 }
 
-const CommandSpec& sweepRunSpec() {
-  static const CommandSpec spec{
+const CommandSyntax& sweepRunSyntax() {
+  static const CommandSyntax syntax{
       "sweep-run",
       "DIR INDEX [--threads N]",
       "The one run of a sweep that every engine starts: line INDEX (from 0) of DIR/plan.tsv, as\n"
@@ -100,7 +100,7 @@ const CommandSpec& sweepRunSpec() {
       "that another process is running is left to it. Used by the sweep; not needed by hand.",
       {{"threads", "N", "threads of the run (default 1)"}},
       "  sensorlay-lab sweep-run /shared/ctl 4 --threads 2"};
-  return spec;
+  return syntax;
 }
 
 struct SweepRequest {
@@ -251,12 +251,12 @@ std::string takeDesignOptions(SweepRequest& r, int argc, char** argv) {
                                                      {"threads", "--threads"},
                                                      {"quiet", "the runs' own logs"}};
   const std::set<std::string> paths = {"sensors", "obstacles", "quality-map", "fixed"};
-  CommandSpec spec = designSpec();
-  spec.name = "sweep";
+  CommandSyntax syntax = designSyntax();
+  syntax.name = "sweep";
   std::vector<std::string> positionals;
   std::string problem;
   const ParseOutcome parsed =
-      parseCommandLine(spec, argc, argv, positionals, [&](const std::string& name, const char* value) {
+      parseCommandLine(syntax, argc, argv, positionals, [&](const std::string& name, const char* value) {
         if (const auto owner = sweeps.find(name); owner != sweeps.end())
           return "--" + name + " is the sweep's to set for each run (" + owner->second + "); leave it out after --";
         const std::string given = value != nullptr && paths.count(name) != 0 ? absolutePath(value) : "";
@@ -454,7 +454,7 @@ int runSweep(int argc, char** argv) {
   SweepRequest r;
   std::vector<std::string> positionals;
   const ParseOutcome parsed =
-      parseCommandLine(sweepSpec(), split, argv, positionals,
+      parseCommandLine(sweepSyntax(), split, argv, positionals,
                        [&](const std::string& name, const char* value) { return takeSweepOption(r, name, value); });
   if (parsed != ParseOutcome::Run) return parsed == ParseOutcome::Help ? kExitOk : kExitUsage;
   const auto usage = [](const std::string& message) {
@@ -555,7 +555,7 @@ int runSweepRun(int argc, char** argv) {
   int32_t threads = 1;
   std::vector<std::string> positionals;
   const ParseOutcome parsed =
-      parseCommandLine(sweepRunSpec(), argc, argv, positionals, [&](const std::string& name, const char* value) {
+      parseCommandLine(sweepRunSyntax(), argc, argv, positionals, [&](const std::string& name, const char* value) {
         const std::optional<int32_t> n = wholeIn(value, 1, 1024);
         if (n) threads = *n;
         return n ? std::string() : badValue(name, value, "a whole number from 1 to 1024");

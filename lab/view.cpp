@@ -54,25 +54,25 @@ struct ViewRequest {
   int32_t threads = 0;
 };
 
-const CommandSpec& viewSpec() {
-  static const CommandSpec spec = [] {
-    CommandSpec s{"view", "MODEL.json --sensors S.stl [--obstacles O.stl]... --out PAGE.html [options]",
-                  "Writes a design as one HTML page that opens from its file path in a browser, with nothing\n"
-                  "to install and no network, and can be mailed as it is: the device and its obstacles\n"
-                  "(translucent, each with a switch), the sensors with their channels, and a sphere around the\n"
-                  "device coloured by the coverage of sensorlay's analysis table on a grid of --step-degrees:\n"
-                  "sensors seen, grade, position or rotation uncertainty, on scales that are the same on every\n"
-                  "page. A click on the sphere shows that direction's numbers and lights the sensors seen; a\n"
-                  "click on a sensor shows its channel, position, normal and the share of the sphere it is\n"
-                  "seen from. The page also shows the design score under the settings given (as score gives\n"
-                  "it), the settings, and the run record PREFIX.run.json when it lies beside PREFIX.json.\n"
-                  "The page is kept under 5 MB: meshes too large for that are shown thinned by vertex\n"
-                  "clustering, which the page says, and a grid too fine for it is refused. A model whose\n"
-                  "sensors lie off the surface still gets its page, with a warning on it.",
-                  meshOptionDefs(),
-                  "  sensorlay-lab view puck-12.json --sensors puck.stl --out puck-12.html\n"
-                  "  sensorlay-lab view hmd.json --sensors shell.stl --obstacles head.stl --unseen-cost flat \\\n"
-                  "      --step-degrees 1 --out hmd.html"};
+const CommandSyntax& viewSyntax() {
+  static const CommandSyntax syntax = [] {
+    CommandSyntax s{"view", "MODEL.json --sensors S.stl [--obstacles O.stl]... --out PAGE.html [options]",
+                    "Writes a design as one HTML page that opens from its file path in a browser, with nothing\n"
+                    "to install and no network, and can be mailed as it is: the device and its obstacles\n"
+                    "(translucent, each with a switch), the sensors with their channels, and a sphere around the\n"
+                    "device coloured by the coverage of sensorlay's analysis table on a grid of --step-degrees:\n"
+                    "sensors seen, grade, position or rotation uncertainty, on scales that are the same on every\n"
+                    "page. A click on the sphere shows that direction's numbers and lights the sensors seen; a\n"
+                    "click on a sensor shows its channel, position, normal and the share of the sphere it is\n"
+                    "seen from. The page also shows the design score under the settings given (as score gives\n"
+                    "it), the settings, and the run record PREFIX.run.json when it lies beside PREFIX.json.\n"
+                    "The page is kept under 5 MB: meshes too large for that are shown thinned by vertex\n"
+                    "clustering, which the page says, and a grid too fine for it is refused. A model whose\n"
+                    "sensors lie off the surface still gets its page, with a warning on it.",
+                    meshOptionDefs(),
+                    "  sensorlay-lab view puck-12.json --sensors puck.stl --out puck-12.html\n"
+                    "  sensorlay-lab view hmd.json --sensors shell.stl --obstacles head.stl --unseen-cost flat \\\n"
+                    "      --step-degrees 1 --out hmd.html"};
     s.options.push_back({"out", "PAGE.html", "the page to write (required)"});
     s.options.push_back({"step-degrees", "DEG", "grid step of the coverage sphere, degrees, 0.1 to 30 (default 2)"});
     s.options.push_back({"title", "TEXT", "the page's heading (default: the model's file name without .json)"});
@@ -86,7 +86,7 @@ const CommandSpec& viewSpec() {
     }
     return s;
   }();
-  return spec;
+  return syntax;
 }
 
 std::string megabytes(double bytes) {
@@ -372,7 +372,7 @@ int runView(int argc, char** argv) {
   ViewRequest request;
   std::vector<std::string> positionals;
   const ParseOutcome parsed =
-      parseCommandLine(viewSpec(), argc, argv, positionals, [&](const std::string& name, const char* value) {
+      parseCommandLine(viewSyntax(), argc, argv, positionals, [&](const std::string& name, const char* value) {
         if (name == "out" || name == "title") {
           (name == "out" ? request.out : request.title) = value;
           return *value ? std::string() : badValue(name, value, name == "out" ? "a file name" : "a text");
