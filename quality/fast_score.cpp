@@ -16,11 +16,6 @@
 #include "surface/tracked_surface.h"
 #include "surface/visibility.h"
 
-// The loops of the 6 x 6 solve and of a sensor's share are short and of fixed
-// length, and run for every sample a trial touches: fully unrolled they take
-// markedly less time.
-#define SENSORLAY_UNROLL _Pragma("GCC unroll 32")
-
 namespace sensorlay {
 
 namespace {

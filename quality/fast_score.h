@@ -1,9 +1,9 @@
 #pragma once
 // The placement score for a search that moves one sensor at a time. It gives
 // the value of PlacementScore::evaluate, but keeps per sample which
-// sensors are seen and what each adds to the information matrix, so that a
-// trial recomputes only the moved sensor, and only in the samples where that
-// sensor is seen before or after the move.
+// sensors are seen and the sum of what they add to the information matrix,
+// so that a trial recomputes only the moved sensor's share, and only in the
+// samples where that sensor is seen before or after the move.
 //
 // The per-sample sums are kept in fixed point, where adding and taking away a
 // sensor's share is exact: every sample's term is a function of the placement

@@ -18,16 +18,6 @@ namespace {
 using Lanes = double __attribute__((vector_size(kLanes * sizeof(double))));
 using IntLanes = int64_t __attribute__((vector_size(kLanes * sizeof(int64_t))));
 
-Lanes load(const double* p) {
-  Lanes v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-IntLanes loadInts(const int64_t* p) {
-  IntLanes v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
 void store(double* p, Lanes v) { std::memcpy(p, &v, sizeof v); }
 void storeInts(int64_t* p, IntLanes v) { std::memcpy(p, &v, sizeof v); }
 Lanes broadcast(double x) { return Lanes{} + x; }
@@ -37,6 +27,12 @@ Lanes broadcast(double x) { return Lanes{} + x; }
 template <class V, class T>
 __attribute__((always_inline)) inline void transpose(const T* const row[kLanes], V out[kLanes]) {
   static_assert(kLanes == 8, "an 8 x 8 transpose");
+#if defined(__clang__)
+  // Without GCC's shuffle of two vectors by a vector of indices: element by
+  // element.
+  for (int j = 0; j < 8; ++j)
+    for (int lane = 0; lane < 8; ++lane) out[j][lane] = row[lane][j];
+#else
   V r[8];
 #pragma GCC unroll 8
   for (int i = 0; i < 8; ++i) std::memcpy(&r[i], row[i], sizeof(V));
@@ -64,6 +60,7 @@ __attribute__((always_inline)) inline void transpose(const T* const row[kLanes],
     out[first[i]] = __builtin_shuffle(u[i], u[i + 4], halfLow);
     out[first[i] + 4] = __builtin_shuffle(u[i], u[i + 4], halfHigh);
   }
+#endif
 }
 
 // The frames' numbers as columns: F[i][lane] = frame[lane] number i.
