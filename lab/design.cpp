@@ -245,6 +245,7 @@ int DesignRun::run() {
   if (!scene) return fail(scene.message());
   TrackedSurface& surface = *scene->surface;
   notes_ = scene->notes;
+  if (std::optional<std::string> note = poolNote(pool_)) notes_.push_back(*note);
   Result<QualityMap> map = loadWeights(settings);
   if (!map) return fail(map.message());
 
@@ -367,8 +368,7 @@ const CommandSyntax& designSyntax() {
     s.options.push_back({"count", "N", "number of sensors, fixed ones included, 1 to 32 (required)"});
     s.options.push_back({"out", "PREFIX", "where the four files go: PREFIX.json, .scad, .coverage.json, .run.json"});
     s.options.push_back({"fixed", "MODEL.json", "sensors that stay where they are; they count towards --count"});
-    for (const OptionDef& def : scoreSettingDefs()) s.options.push_back(def);
-    for (const OptionDef& def : searchSettingDefs()) s.options.push_back(def);
+    appendDesignSettingDefs(s.options);
     s.options.push_back({"seed", "N", "seed of the search, 0 to 4294967295 (default: drawn from the clock)"});
     s.options.push_back({"threads", "N", "threads that score the trials (default 0: one per core)"});
     s.options.push_back({"quiet", nullptr, "no progress report"});
@@ -424,12 +424,7 @@ std::string takeDesignOption(DesignRequest& request, const std::string& name, co
     request.seed = static_cast<uint32_t>(*n);
     return std::string();
   }
-  if (name == "threads") {
-    const std::optional<int64_t> n = parseWholeNumber(value);
-    if (!n || *n < 0 || *n > 1024) return badValue(name, value, "a whole number from 0 to 1024");
-    request.threads = static_cast<int32_t>(*n);
-    return std::string();
-  }
+  if (std::optional<std::string> taken = takeThreads(name, value, request.threads)) return *taken;
   if (name == "quiet") {
     request.quiet = true;
     return std::string();

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "common/worker_pool.h"
 #include "lab/cli.h"
 
 namespace sensorlay::lab {
@@ -56,6 +57,11 @@ std::string sigmaText(const SigmaSpread& spread, double factor, const char* unit
 }  // namespace
 
 const char* labVersion() { return SENSORLAY_LAB_VERSION; }
+
+std::optional<std::string> poolNote(const WorkerPool& pool) {
+  if (pool.startProblem().empty()) return std::nullopt;
+  return "running on one thread, as no more could be started (" + pool.startProblem() + ")";
+}
 
 int runSubcommand(int (*subcommand)(int, char**), std::vector<std::string> words) {
   std::vector<char*> argv;

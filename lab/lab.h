@@ -3,10 +3,15 @@
 // arguments after the program's name (argv[0] the subcommand) and yielding
 // the exit status.
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "reports/coverage_summary.h"
+
+namespace sensorlay {
+class WorkerPool;
+}
 
 namespace sensorlay::lab {
 
@@ -25,6 +30,10 @@ int runSubcommand(int (*subcommand)(int, char**), std::vector<std::string> words
 
 // "1.0.0.0", the version of the build.
 const char* labVersion();
+
+// Why a pool runs everything on the calling thread when it could start none
+// of its own (a process limit, say); nothing when it started them all.
+std::optional<std::string> poolNote(const WorkerPool& pool);
 
 // The coverage summary as lines of text for people.
 std::string coverageText(const CoverageSummary& summary);

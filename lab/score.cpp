@@ -32,16 +32,9 @@ const CommandSyntax& scoreSyntax() {
         meshOptionDefs(),
         "  sensorlay-lab score puck-12.json --sensors puck.stl\n"
         "  sensorlay-lab score hmd.json --sensors shell.stl --obstacles head.stl --unseen-cost flat --json"};
-    for (const OptionDef& def : scoreSettingDefs()) s.options.push_back(def);
-    for (const OptionDef& def : searchSettingDefs()) s.options.push_back(def);
+    appendDesignSettingDefs(s.options, "accepted as a design takes it; it does not change a score");
     s.options.push_back({"threads", "N", "threads for the coverage summary (default 0: one per core)"});
     s.options.push_back({"json", nullptr, "print the score, settings and coverage summary as one JSON object"});
-    // The search's settings are listed with the rest so that a design's
-    // options can be given as they are.
-    for (OptionDef& def : s.options)
-      for (const OptionDef& search : searchSettingDefs())
-        if (std::string(def.name) == search.name)
-          def.help = "accepted as a design takes it; it does not change a score";
     return s;
   }();
   return syntax;
@@ -61,12 +54,7 @@ int runScore(int argc, char** argv) {
           json = true;
           return std::string();
         }
-        if (name == "threads") {
-          const std::optional<int64_t> n = parseWholeNumber(value);
-          if (!n || *n < 0 || *n > 1024) return badValue(name, value, "a whole number from 0 to 1024");
-          threads = static_cast<int32_t>(*n);
-          return std::string();
-        }
+        if (std::optional<std::string> taken = takeThreads(name, value, threads)) return *taken;
         if (std::optional<std::string> taken = takeMeshOption(inputs, name, value)) return *taken;
         return takeSetting(settings, name, value).value_or("--" + name + " is not an option of score");
       });
@@ -100,6 +88,7 @@ int runScore(int argc, char** argv) {
   const Result<double> score = designScore(*scene, **model, settings, *map);
   if (!score) return fail(score.message());
   WorkerPool pool(threads);
+  if (std::optional<std::string> note = poolNote(pool)) std::fprintf(stderr, "note: %s\n", note->c_str());
   const Result<CoverageSummary> coverage = coverageOf(*scene, **model, settings, pool);
   if (!coverage) return fail(coverage.message());
 

@@ -111,6 +111,22 @@ std::vector<OptionDef> searchSettingDefs() {
   };
 }
 
+void appendDesignSettingDefs(std::vector<OptionDef>& options, const char* searchHelp) {
+  for (const OptionDef& def : scoreSettingDefs()) options.push_back(def);
+  for (OptionDef def : searchSettingDefs()) {
+    if (searchHelp != nullptr) def.help = searchHelp;
+    options.push_back(def);
+  }
+}
+
+std::optional<std::string> takeThreads(const std::string& name, const char* value, int32_t& threads) {
+  if (name != "threads") return std::nullopt;
+  const std::optional<int64_t> n = parseWholeNumber(value);
+  if (!n || *n < 0 || *n > 1024) return badValue(name, value, "a whole number from 0 to 1024");
+  threads = static_cast<int32_t>(*n);
+  return std::string();
+}
+
 std::optional<std::string> takeMeshOption(MeshInputs& inputs, const std::string& name, const char* value) {
   if (name == "sensors") {
     inputs.sensors = value;

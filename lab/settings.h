@@ -56,10 +56,17 @@ std::vector<OptionDef> meshOptionDefs();
 std::vector<OptionDef> scoreSettingDefs();
 std::vector<OptionDef> searchSettingDefs();
 
+// Appends the score's and the search's rows, for the commands that take a
+// design's options as they are; where the command does not search,
+// `searchHelp` says so in place of the search rows' own help.
+void appendDesignSettingDefs(std::vector<OptionDef>& options, const char* searchHelp = nullptr);
+
 // Takes one option if it is one of these tables': nothing when it is not,
 // an empty text when taken, else what is wrong with the value.
 std::optional<std::string> takeMeshOption(MeshInputs& inputs, const std::string& name, const char* value);
 std::optional<std::string> takeSetting(DesignSettings& settings, const std::string& name, const char* value);
+// --threads of the commands that run on a worker pool: 0 (one per core) to 1024.
+std::optional<std::string> takeThreads(const std::string& name, const char* value, int32_t& threads);
 
 // The settings as the run record and `score --json` show them, keys with their
 // units.

@@ -76,14 +76,10 @@ const CommandSyntax& viewSyntax() {
     s.options.push_back({"out", "PAGE.html", "the page to write (required)"});
     s.options.push_back({"step-degrees", "DEG", "grid step of the coverage sphere, degrees, 0.1 to 30 (default 2)"});
     s.options.push_back({"title", "TEXT", "the page's heading (default: the model's file name without .json)"});
-    for (const OptionDef& def : scoreSettingDefs()) s.options.push_back(def);
-    for (const OptionDef& def : searchSettingDefs()) s.options.push_back(def);
+    appendDesignSettingDefs(s.options, "accepted as a design takes it; it changes no number");
     s.options.push_back({"threads", "N", "threads for the coverage (default 0: one per core)"});
-    for (OptionDef& def : s.options) {
-      for (const OptionDef& search : searchSettingDefs())
-        if (std::string(def.name) == search.name) def.help = "accepted as a design takes it; it changes no number";
+    for (OptionDef& def : s.options)
       if (std::string(def.name) == "coverage-step") def.help = "the same as --step-degrees";
-    }
     return s;
   }();
   return syntax;
@@ -292,6 +288,7 @@ int writeView(ViewRequest& request) {
     CoverageEvaluator evaluator;
     setUpTableEvaluator(evaluator, *scene, model, settings);
     WorkerPool pool(request.threads);
+    if (std::optional<std::string> note = poolNote(pool)) std::fprintf(stderr, "note: %s\n", note->c_str());
     Result<std::vector<DirectionCoverage>> computed = computeCoverageRows(evaluator, grid, pool);
     if (!computed) return fail(computed.message());
     rows = std::move(*computed);
@@ -383,12 +380,7 @@ int runView(int argc, char** argv) {
           request.settings.coverageStepDegrees = *step;
           return std::string();
         }
-        if (name == "threads") {
-          const std::optional<int64_t> n = parseWholeNumber(value);
-          if (!n || *n < 0 || *n > 1024) return badValue(name, value, "a whole number from 0 to 1024");
-          request.threads = static_cast<int32_t>(*n);
-          return std::string();
-        }
+        if (std::optional<std::string> taken = takeThreads(name, value, request.threads)) return *taken;
         if (std::optional<std::string> taken = takeMeshOption(request.inputs, name, value)) return *taken;
         return takeSetting(request.settings, name, value).value_or("--" + name + " is not an option of view");
       });

@@ -35,11 +35,15 @@ struct DesignFixture {
   testing::TempDir dir;
   DesignFixture() { testing::writeStlBinary(dir.file("box.stl"), testing::labBox()); }
   RunResult lab(const std::vector<std::string>& args) const { return testing::runLab(args, dir.path()); }
-  RunResult design(const std::string& out, std::vector<std::string> more) const {
+  RunResult design(const std::string& out, std::vector<std::string> more,
+                   std::vector<std::string> environment = {}) const {
     std::vector<std::string> args = {"design", "--sensors", "box.stl", "--out", out};
     args.insert(args.end(), kQuick.begin(), kQuick.end());
     args.insert(args.end(), more.begin(), more.end());
-    return lab(args);
+    testing::RunSetup setup;
+    setup.workingDirectory = dir.path();
+    setup.environment = std::move(environment);
+    return testing::runLab(args, setup);
   }
   Json::Value json(const std::string& name) const { return parsedJson(testing::readFile(dir.file(name))); }
   std::string read(const std::string& name) const { return testing::readFile(dir.file(name)); }
@@ -84,6 +88,15 @@ TEST(LabDesign, ASeedGivesTheSameFilesOnAnyThreadCount) {
   ASSERT_EQ(two.status, 0) << two.err;
   for (const char* suffix : {".json", ".scad", ".coverage.json"})
     EXPECT_EQ(f.read(std::string("one") + suffix), f.read(std::string("two") + suffix)) << suffix;
+#ifdef SENSORLAY_NO_THREADS
+  // Where no thread can be started (a process limit), the run goes on, on
+  // one, and says so.
+  const RunResult none = f.design("none", {"--count", "8", "--seed", "7", "--threads", "2"},
+                                  {std::string("LD_PRELOAD=") + SENSORLAY_NO_THREADS});
+  ASSERT_EQ(none.status, 0) << none.err;
+  EXPECT_NE(none.err.find("note: running on one thread, as no more could be started"), std::string::npos) << none.err;
+  EXPECT_EQ(f.read("one.json"), f.read("none.json"));
+#endif
   Json::Value a = f.json("one.run.json"), b = f.json("two.run.json");
   EXPECT_EQ(a["threads"].asInt(), 1);
   EXPECT_EQ(b["threads"].asInt(), 2);

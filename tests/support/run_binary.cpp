@@ -133,6 +133,10 @@ RunResult runSensorlayUntil(const std::vector<std::string>& args, const std::str
 RunResult runLab(const std::vector<std::string>& args, const std::string& workingDirectory) {
   RunSetup setup;
   setup.workingDirectory = workingDirectory;
+  return runLab(args, setup);
+}
+
+RunResult runLab(const std::vector<std::string>& args, RunSetup setup) {
   setup.binary = SENSORLAY_LAB_BINARY;
   return run(args, setup, nullptr, 0.0);
 }

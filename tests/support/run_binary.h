@@ -43,6 +43,7 @@ RunResult runSensorlay(const std::vector<std::string>& args, const RunSetup& set
 
 // sensorlay-lab with the arguments, as runSensorlay runs sensorlay.
 RunResult runLab(const std::vector<std::string>& args, const std::string& workingDirectory = "");
+RunResult runLab(const std::vector<std::string>& args, RunSetup setup);
 // sensorlay-lab, sent `signal` as soon as its standard error stream holds
 // `until`, and then waited for (`stopped` is set); killed when it has not
 // ended `seconds` after its start.
