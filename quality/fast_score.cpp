@@ -58,6 +58,7 @@ struct FastScorer::WorkerScratch {
   ScoreScratch score;
   RayPacket packet;
   int32_t laneSample[RayPacket::kSize];
+  LaneDirections directions;
   LaneFrames frames;
   LaneSums sums;
   alignas(64) int64_t aside[kShareSize];  // where unused lanes write
@@ -99,25 +100,38 @@ void FastScorer::forEachTask(Task&& task) {
   });
 }
 
-FastScorer::FacingTest::FacingTest(const SensorModel& model, int32_t sensor) {
+namespace {
+
+FacingLimit facingLimit(const SensorModel& model, int32_t sensor) {
   const Eigen::Vector3d& p = model.points[static_cast<size_t>(sensor)];
   const Eigen::Vector3d& n = model.normals[static_cast<size_t>(sensor)];
-  for (int c = 0; c < 3; ++c) point[c] = p[c], normal[c] = n[c];
-  threshold = model.cosMaxIncidence - kIncidenceMargin * (1.0 + n.norm());
+  FacingLimit limit;
+  for (int c = 0; c < 3; ++c) limit.point[c] = p[c], limit.normal[c] = n[c];
+  limit.threshold = model.cosMaxIncidence - kIncidenceMargin * (1.0 + n.norm());
+  return limit;
 }
 
 // False only when the sensor is certainly beyond the incidence limit at a
 // sample, whose translation in object coordinates is `v`: R n . -(R p + t)
 // / |R p + t| is n . -(p + R^T t) / |p + R^T t|. Anything not-a-number
-// passes, to the full test.
-bool FastScorer::FacingTest::mayFace(const double* v) const {
-  const double dx = point[0] + v[0], dy = point[1] + v[1], dz = point[2] + v[2];
-  const double facing = -(normal[0] * dx + normal[1] * dy + normal[2] * dz);
-  return !(facing < threshold * std::sqrt(dx * dx + dy * dy + dz * dz));
+// passes, to the full test. mayFaceLanes on one sample.
+bool mayFace(const FacingLimit& limit, const double v[3]) {
+  const double dx = v[0] + limit.point[0], dy = v[1] + limit.point[1], dz = v[2] + limit.point[2];
+  const double facing = -(limit.normal[0] * dx + limit.normal[1] * dy + limit.normal[2] * dz);
+  return !(facing < limit.threshold * std::sqrt(dx * dx + dy * dy + dz * dz));
 }
 
-bool FastScorer::visible(int32_t s, int32_t sensor, const FacingTest& facing) const {
-  if (!facing.mayFace(objectTranslations_.data() + static_cast<size_t>(s) * 4)) return false;
+// Where sample s's number c stands in blocks of kFacingBlockSize.
+size_t blockIndex(int32_t s, int c) {
+  return static_cast<size_t>(s / kLanes) * kFacingBlockSize + static_cast<size_t>(c * kLanes + s % kLanes);
+}
+
+}  // namespace
+
+bool FastScorer::visible(int32_t s, int32_t sensor, const FacingLimit& limit) const {
+  const double v[3] = {objectBlocks_[blockIndex(s, 0)], objectBlocks_[blockIndex(s, 1)],
+                       objectBlocks_[blockIndex(s, 2)]};
+  if (!mayFace(limit, v)) return false;
   const SampleFrame& f = frames_[static_cast<size_t>(s)];
   const StationPose pose = {{translation_[0], translation_[1], translation_[2]},
                             {f.quaternion[0], f.quaternion[1], f.quaternion[2], f.quaternion[3]}};
@@ -222,59 +236,62 @@ void FastScorer::evaluateMove(int32_t first, int32_t end, int worker, TaskCounts
   const Trial& t = trial_;
   const uint64_t bit = uint64_t{1} << t.sensor;
   WorkerScratch& w = *scratch_[static_cast<size_t>(worker)];
-  // Where the sensor was seen, and where it may face the station now, by the
-  // cheap test on the sample's translation alone.
-  uint64_t before = 0, candidates = 0;
-  for (int32_t s = first; s < end; ++s) {
-    const size_t at = static_cast<size_t>(s);
-    settle(at);
-    touched_[at] = 0;
-    const double* v = objectTranslations_.data() + at * 4;
-    if (v[3] != 0.0) continue;  // skipped
-    const uint64_t flag = uint64_t{1} << (s - first);
-    if ((masks_[at] & bit) != 0) {
-      before |= flag;
-      const int64_t* total = totalOf(s, 0);
-      for (int line = 0; line < 2 * kShareSize * 8; line += 64)
-        __builtin_prefetch(reinterpret_cast<const char*>(total) + line, 1);
-    }
-    if (t.facing.mayFace(v)) candidates |= flag;
+  uint64_t& touched = touched_[static_cast<size_t>(first / kSamplesPerTask)];
+  for (uint64_t m = touched; m != 0; m &= m - 1) settle(static_cast<size_t>(first + __builtin_ctzll(m)));
+  touched = 0;
+  // Where the sensor was seen (skipped samples see nothing), and where it may
+  // face the station now, by the cheap test on the sample's translation
+  // alone.
+  uint64_t before = 0;
+  for (int32_t s = first; s < end; ++s)
+    before |= (masks_[static_cast<size_t>(s)] >> t.sensor & 1) << (s - first);
+  for (uint64_t m = before; m != 0; m &= m - 1) {
+    const int64_t* total = totalOf(first + __builtin_ctzll(m), 0);
+    for (int line = 0; line < 2 * kShareSize * 8; line += 64)
+      __builtin_prefetch(reinterpret_cast<const char*>(total) + line, 1);
   }
+  const uint64_t candidates = mayFaceLanes(objectBlocks_.data() + static_cast<size_t>(first / kLanes) * kFacingBlockSize,
+                                           (end - first + kLanes - 1) / kLanes, t.limit);
 
-  // The exact incidence test of isSensorVisible, and its rays for the samples
-  // that pass, cast a packet at a time.
+  // The exact incidence test of isSensorVisible kLanes samples at a time, and
+  // the rays of those that pass, cast a packet at a time.
   uint64_t after = 0;
-  int lanes = 0;
-  const StationPose base = {{translation_[0], translation_[1], translation_[2]}, {1.0, 0.0, 0.0, 0.0}};
+  int rays = 0;
+  int offsets[kLanes];
+  const double* frame[kLanes];
+  int count = 0;
   for (uint64_t m = candidates; m != 0; m &= m - 1) {
-    const int offset = __builtin_ctzll(m);
-    const SampleFrame& f = frames_[static_cast<size_t>(first + offset)];
-    StationPose pose = base;
-    std::copy(f.quaternion, f.quaternion + 4, pose.quaternion);
-    double towards[3];
-    if (!facesStation(t.point, t.normal, t.cosMaxIncidence, pose, towards)) continue;
-    if (t.surface == nullptr) {
-      after |= uint64_t{1} << offset;
-      continue;
+    offsets[count++] = __builtin_ctzll(m);
+    if (count < kLanes && (m & (m - 1)) != 0) continue;
+    for (int lane = 0; lane < kLanes; ++lane)
+      frame[lane] = frames_[static_cast<size_t>(first + offsets[lane < count ? lane : 0])].quaternion;
+    const uint32_t facing = facingLanes(frame, t.facing, w.directions);
+    for (int lane = 0; lane < count; ++lane) {
+      if ((facing >> lane & 1) == 0) continue;
+      if (t.surface == nullptr) {
+        after |= uint64_t{1} << offsets[lane];
+        continue;
+      }
+      const float direction[3] = {w.directions.value[0][lane], w.directions.value[1][lane],
+                                  w.directions.value[2][lane]};
+      w.packet.set(rays, t.origin, direction, kRayNear, kRayFar);
+      w.laneSample[rays++] = offsets[lane];
+      ++counts.rays;
+      if (rays == RayPacket::kSize) {
+        castPacket(w, rays, after);
+        rays = 0;
+      }
     }
-    float direction[3];
-    rayDirection(f.conjugate, towards, direction);
-    w.packet.set(lanes, t.origin, direction, kRayNear, kRayFar);
-    w.laneSample[lanes++] = offset;
-    ++counts.rays;
-    if (lanes == RayPacket::kSize) {
-      castPacket(w, lanes, after);
-      lanes = 0;
-    }
+    count = 0;
   }
-  if (lanes > 0) castPacket(w, lanes, after);
+  if (rays > 0) castPacket(w, rays, after);
 
   // A sample where the sensor is unseen before and after keeps its term bit
   // for bit; the others are worked out kLanes at a time.
   const uint64_t changed = before | after;
   if (after != 0) counts.seen |= bit;
   int32_t batch[kLanes];
-  int count = 0;
+  count = 0;
   for (uint64_t m = changed; m != 0; m &= m - 1) {
     batch[count++] = first + __builtin_ctzll(m);
     if (count == kLanes || (m & (m - 1)) == 0) {
@@ -312,7 +329,7 @@ void FastScorer::moveBatch(const int32_t* samples, int count, uint64_t before, u
   for (int lane = 0; lane < count; ++lane) {
     const int32_t s = samples[lane];
     const size_t at = static_cast<size_t>(s);
-    touched_[at] = 1;
+    touched_[static_cast<size_t>(s / kSamplesPerTask)] |= uint64_t{1} << (s % kSamplesPerTask);
     previousMasks_[at] = masks_[at];
     previousTerms_[at] = terms_[at];
     const int64_t* total = w.sums.out[lane];
@@ -338,7 +355,7 @@ void FastScorer::evaluateBlockFully(int32_t first, int32_t end, int worker, Task
     used |= uint64_t{1} << (s - first);
     uint64_t mask = 0;
     for (int32_t k = 0; k < sensorCount_; ++k)
-      if (visible(s, k, FacingTest(*evaluator_.model, k))) mask |= uint64_t{1} << k;
+      if (visible(s, k, facingLimit(*evaluator_.model, k))) mask |= uint64_t{1} << k;
     masks_[at] = mask;
     counts.seen |= mask;
   }
@@ -499,7 +516,8 @@ double FastScorer::scoreAll() {
   const size_t n = static_cast<size_t>(sampleCount_);
   orderSamples();
   frames_.resize(n);
-  objectTranslations_.assign(n * 4, 0.0);
+  // Samples past the last, in the last block, count as skipped.
+  objectBlocks_.assign((n + kLanes - 1) / kLanes * kFacingBlockSize, 1.0);
   taskCounts_.assign(static_cast<size_t>((sampleCount_ + kSamplesPerTask - 1) / kSamplesPerTask), TaskCounts());
   forEachTask([this](int32_t first, int32_t end, int, TaskCounts&) {
     for (int32_t s = first; s < end; ++s) {
@@ -511,10 +529,11 @@ double FastScorer::scoreAll() {
       f.weight = sample.weight;
       f.skipped = 0.0 >= sample.weight;
       // The translation in object coordinates: the conjugate rotation of t.
-      double* v = objectTranslations_.data() + static_cast<size_t>(s) * 4;
+      double v[3];
       const double conjugate[4] = {f.quaternion[0], -f.quaternion[1], -f.quaternion[2], -f.quaternion[3]};
       ceres::UnitQuaternionRotatePoint(conjugate, translation_, v);
-      v[3] = f.skipped ? 1.0 : 0.0;
+      for (int c = 0; c < 3; ++c) objectBlocks_[blockIndex(s, c)] = v[c];
+      objectBlocks_[blockIndex(s, 3)] = f.skipped ? 1.0 : 0.0;
       f.station = stationRotation(f.rotationVector);
     }
   });
@@ -534,7 +553,7 @@ double FastScorer::scoreAll() {
   terms_.assign(n, 0.0);
   previousMasks_.assign(n, 0);
   previousTerms_.assign(n, 0.0);
-  touched_.assign(n, 0);
+  touched_.assign(taskCounts_.size(), 0);
   closing_ = Closing::kNone;
 
   if (!chooseScalesFromReach()) {
@@ -548,7 +567,7 @@ double FastScorer::scoreAll() {
         if (frames_[at].skipped) continue;
         for (int lane = 0; lane < kLanes; ++lane) w.frames.frame[lane] = &frames_[at].station;
         for (int32_t k = 0; k < sensorCount_; ++k) {
-          if (!visible(s, k, FacingTest(*evaluator_.model, k))) continue;
+          if (!visible(s, k, facingLimit(*evaluator_.model, k))) continue;
           sensorRowLanes(w.frames, scales_, committed_.data() + static_cast<size_t>(k) * 3, w.rows);
           for (int j = 0; j < 6; ++j) {
             double& slot = largest[at * 2 + (j < 3 ? 0 : 1)];
@@ -590,8 +609,13 @@ double FastScorer::scoreMove(int32_t sensor) {
     t.normal[c] = model.normals[static_cast<size_t>(sensor)][c];
     t.committedPoint[c] = committed_[static_cast<size_t>(sensor) * 3 + c];
   }
-  t.facing = FacingTest(model, sensor);
-  t.cosMaxIncidence = model.cosMaxIncidence;
+  t.limit = facingLimit(model, sensor);
+  for (int c = 0; c < 3; ++c) {
+    t.facing.point[c] = t.point[c];
+    t.facing.normal[c] = t.normal[c];
+    t.facing.position[c] = translation_[c];
+  }
+  t.facing.cosMaxIncidence = model.cosMaxIncidence;
   t.surface = evaluator_.observations->visibilityTests[static_cast<size_t>(sensor)].surface;
   rayOrigin(t.point, t.normal, t.origin);
 
@@ -629,7 +653,6 @@ void FastScorer::reject() {
 }
 
 void FastScorer::settle(size_t s) {
-  if (!touched_[s]) return;
   if (closing_ == Closing::kAccept) {
     // The free slots become the ones in use.
     totalSlot_[s] ^= 1;

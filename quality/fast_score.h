@@ -86,24 +86,14 @@ class FastScorer {
   struct SampleFrame;
   struct TaskCounts;
   struct WorkerScratch;
-  // A sensor as the incidence pre-test sees it.
-  struct FacingTest {
-    double point[3];
-    double normal[3];
-    double threshold;  // the incidence limit less the margin
-
-    FacingTest() = default;
-    FacingTest(const SensorModel& model, int32_t sensor);
-    bool mayFace(const double* objectTranslation) const;
-  };
   // The moved sensor, as every sample of a trial reads it.
   struct Trial {
     int32_t sensor = -1;
     double point[3];
     double normal[3];
     double committedPoint[3];  // where its shares in the sums were taken
-    double cosMaxIncidence;
-    FacingTest facing;
+    FacingLimit limit;    // of the pre-test
+    FacingSensor facing;  // of the exact test
     const TrackedSurface* surface = nullptr;
     float origin[3];  // of its rays
   };
@@ -119,7 +109,7 @@ class FastScorer {
                     bool& reference);
   double referenceValue(int32_t s, uint64_t mask, int worker);
   double cachedReferenceValue(int32_t s, uint64_t mask, int worker);
-  bool visible(int32_t s, int32_t sensor, const FacingTest& facing) const;
+  bool visible(int32_t s, int32_t sensor, const FacingLimit& limit) const;
   int64_t* totalOf(int32_t s);  // the slot in use
   int64_t* totalOf(int32_t s, int slot);
   template <class Task>
@@ -147,8 +137,9 @@ class FastScorer {
   std::vector<SampleFrame> frames_;
   // What the incidence pre-test reads of every sample in every trial, kept
   // apart from the larger frames: the pose's translation in object
-  // coordinates, and whether the sample is skipped.
-  std::vector<double> objectTranslations_;  // 4 per sample, the 4th 1 when skipped
+  // coordinates, and whether the sample is skipped, in blocks of kLanes
+  // samples as mayFaceLanes reads them.
+  std::vector<double> objectBlocks_;
   // Where each sensor stood when its shares in the sums were taken, 3 per
   // sensor. A share is a function of the place alone, so the scorer keeps
   // no shares: a trial works the moved sensor's old ones out again. Memory
@@ -164,7 +155,8 @@ class FastScorer {
   std::vector<double> terms_;
   std::vector<uint64_t> previousMasks_;
   std::vector<double> previousTerms_;
-  std::vector<uint8_t> touched_;
+  // The samples the open or last trial rescored, a word per task.
+  std::vector<uint64_t> touched_;
   int32_t openSensor_ = -1;
   // A trial is closed by accept or reject, and what that means for each
   // sample it touched is carried out by the workers at the start of the next

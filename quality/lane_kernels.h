@@ -156,6 +156,70 @@ void share(const Lanes r0[6], const Lanes r1[6], double fixedScale, IntLanes out
 
 }  // namespace
 
+uint64_t mayFace(const double* blocks, int blockCount, const FacingLimit& limit) {
+  uint64_t may = 0;
+  for (int block = 0; block < blockCount; ++block) {
+    const double* b = blocks + block * kFacingBlockSize;
+    Lanes v[4];
+    for (int c = 0; c < 4; ++c) std::memcpy(&v[c], b + c * kLanes, sizeof(Lanes));
+    const Lanes dx = v[0] + limit.point[0], dy = v[1] + limit.point[1], dz = v[2] + limit.point[2];
+    const Lanes facing = -(limit.normal[0] * dx + limit.normal[1] * dy + limit.normal[2] * dz);
+    Lanes distance = dx * dx + dy * dy + dz * dz;
+    for (int lane = 0; lane < kLanes; ++lane) distance[lane] = __builtin_sqrt(distance[lane]);
+    // Not-a-number passes, to the exact test.
+    const IntLanes pass = ~(facing < limit.threshold * distance) & (v[3] == 0.0);
+    for (int lane = 0; lane < kLanes; ++lane) may |= static_cast<uint64_t>(pass[lane] & 1) << (block * kLanes + lane);
+  }
+  return may;
+}
+
+namespace {
+
+// q p q*, in the order of the one-point rotation the visibility test uses.
+void rotate(const Lanes q[4], const Lanes p[3], Lanes out[3]) {
+  Lanes uv0 = q[2] * p[2] - q[3] * p[1];
+  Lanes uv1 = q[3] * p[0] - q[1] * p[2];
+  Lanes uv2 = q[1] * p[1] - q[2] * p[0];
+  uv0 += uv0;
+  uv1 += uv1;
+  uv2 += uv2;
+  out[0] = p[0] + q[0] * uv0;
+  out[1] = p[1] + q[0] * uv1;
+  out[2] = p[2] + q[0] * uv2;
+  out[0] += q[2] * uv2 - q[3] * uv1;
+  out[1] += q[3] * uv0 - q[1] * uv2;
+  out[2] += q[1] * uv1 - q[2] * uv0;
+}
+
+}  // namespace
+
+uint32_t facingRays(const double* const frame[kLanes], const FacingSensor& sensor, LaneDirections& directions) {
+  Lanes columns[8];
+  transpose(frame, columns);
+  const Lanes* q = columns;
+  const Lanes* conjugate = columns + 4;
+  const Lanes point[3] = {broadcast(sensor.point[0]), broadcast(sensor.point[1]), broadcast(sensor.point[2])};
+  const Lanes normal[3] = {broadcast(sensor.normal[0]), broadcast(sensor.normal[1]), broadcast(sensor.normal[2])};
+  Lanes P[3], M[3];
+  rotate(q, point, P);
+  for (int c = 0; c < 3; ++c) P[c] += sensor.position[c];
+  rotate(q, normal, M);
+  Lanes length = P[0] * P[0] + P[1] * P[1] + P[2] * P[2];
+  for (int lane = 0; lane < kLanes; ++lane) length[lane] = __builtin_sqrt(length[lane]);
+  Lanes towards[3];
+  for (int c = 0; c < 3; ++c) towards[c] = -P[c] / length;
+  const IntLanes faces = M[0] * towards[0] + M[1] * towards[1] + M[2] * towards[2] > sensor.cosMaxIncidence;
+  Lanes e[3];
+  rotate(conjugate, towards, e);
+  for (int c = 0; c < 3; ++c) {
+    const auto single = __builtin_convertvector(e[c], float __attribute__((vector_size(kLanes * sizeof(float)))));
+    std::memcpy(directions.value[c], &single, sizeof single);
+  }
+  uint32_t bits = 0;
+  for (int lane = 0; lane < kLanes; ++lane) bits |= static_cast<uint32_t>(faces[lane] & 1) << lane;
+  return bits;
+}
+
 void sensorRows(const LaneFrames& frames, const ShareScales& scales, const double point[3], LaneRows& out) {
   Lanes F[40], r0[6], r1[6];
   frameColumns(frames, F);

@@ -11,7 +11,9 @@ namespace sensorlay {
   void sensorRows(const LaneFrames& frames, const ShareScales& scales, const double point[3], LaneRows& out); \
   void exchangeShares(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],      \
                       uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums);  \
-  void solve(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out);
+  void solve(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out);             \
+  uint64_t mayFace(const double* blocks, int blockCount, const FacingLimit& limit);                          \
+  uint32_t facingRays(const double* const frame[kLanes], const FacingSensor& sensor, LaneDirections& directions);
 namespace lanesBase {
 SENSORLAY_LANE_DECLARATIONS
 }
@@ -31,6 +33,8 @@ struct LaneKernels {
   decltype(&lanesBase::sensorRows) sensorRows;
   decltype(&lanesBase::exchangeShares) exchangeShares;
   decltype(&lanesBase::solve) solve;
+  decltype(&lanesBase::mayFace) mayFace;
+  decltype(&lanesBase::facingRays) facingRays;
   LaneWidth width;
 };
 
@@ -48,10 +52,11 @@ bool available(LaneWidth width) {
 LaneKernels kernelsOf(LaneWidth width) {
 #if SENSORLAY_WIDE_LANES
   if (width == LaneWidth::Avx512)
-    return {lanesAvx512::sensorRows, lanesAvx512::exchangeShares, lanesAvx512::solve, width};
-  if (width == LaneWidth::Avx2) return {lanesAvx2::sensorRows, lanesAvx2::exchangeShares, lanesAvx2::solve, width};
+    return {lanesAvx512::sensorRows, lanesAvx512::exchangeShares, lanesAvx512::solve, lanesAvx512::mayFace, lanesAvx512::facingRays, width};
+  if (width == LaneWidth::Avx2) return {lanesAvx2::sensorRows, lanesAvx2::exchangeShares, lanesAvx2::solve, lanesAvx2::mayFace, lanesAvx2::facingRays, width};
 #endif
-  return {lanesBase::sensorRows, lanesBase::exchangeShares, lanesBase::solve, LaneWidth::Base};
+  return {lanesBase::sensorRows, lanesBase::exchangeShares, lanesBase::solve, lanesBase::mayFace, lanesBase::facingRays,
+          LaneWidth::Base};
 }
 
 LaneKernels& kernels() {
@@ -121,6 +126,14 @@ void exchangeShareLanes(const LaneFrames& frames, const ShareScales& scales, con
 
 void solveLanes(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out) {
   kernels().solve(sums, scales, pivotFloor, out);
+}
+
+uint64_t mayFaceLanes(const double* blocks, int blockCount, const FacingLimit& limit) {
+  return kernels().mayFace(blocks, blockCount, limit);
+}
+
+uint32_t facingLanes(const double* const frame[kLanes], const FacingSensor& sensor, LaneDirections& directions) {
+  return kernels().facingRays(frame, sensor, directions);
 }
 
 bool useLaneKernels(LaneWidth width) {

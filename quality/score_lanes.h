@@ -96,6 +96,35 @@ struct alignas(64) LaneSolve {
 };
 void solveLanes(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out);
 
+// The incidence pre-test of one sensor on samples held in blocks of eight:
+// each block the translations in object coordinates as three columns (x, y,
+// z of its eight samples), then a column that is not 0 for a skipped sample.
+// A bit of the result is clear only where the sensor is certainly beyond the
+// limit, n . -(p + v) < threshold |p + v|, or the sample is skipped.
+constexpr int kFacingBlockSize = 4 * kLanes;
+struct FacingLimit {
+  double point[3];
+  double normal[3];
+  double threshold;  // the incidence limit less a margin for rounding
+};
+uint64_t mayFaceLanes(const double* blocks, int blockCount, const FacingLimit& limit);
+
+// The exact incidence test of the visibility test and the direction of its
+// ray for a sensor at `point` with `normal`, in up to kLanes samples at once,
+// each giving the very numbers the one-sample steps give: frame[lane] points
+// to the sample's quaternion (w x y z) followed by its conjugate, normalised.
+// Bit `lane` of the result is set where the sensor faces the station.
+struct FacingSensor {
+  double point[3];
+  double normal[3];
+  double position[3];  // the device's, before the station
+  double cosMaxIncidence;
+};
+struct alignas(64) LaneDirections {
+  float value[3][kLanes];
+};
+uint32_t facingLanes(const double* const frame[kLanes], const FacingSensor& sensor, LaneDirections& directions);
+
 // The vector widths the kernels are built for. The widest the processor has
 // is used; a test may ask for a narrower one, which must give the same bits.
 enum class LaneWidth { Base, Avx2, Avx512 };
