@@ -64,6 +64,16 @@ struct FastScorer::WorkerScratch {
   alignas(64) int64_t aside[kShareSize];  // where unused lanes write
   LaneSolve solve;
   LaneRows rows;
+  // Reference views of 2, 4 and 6 rows waiting for a full set of lanes.
+  struct PendingViews {
+    int count = 0;
+    int32_t sample[kLanes];
+    uint64_t mask[kLanes];
+    bool cacheable[kLanes];
+    alignas(64) double jacobian[kLanes][kCovarianceJacobianSize] = {};
+  };
+  PendingViews pending[kSmallViewRows / 2];
+  LaneCovariance covariance;
 };
 
 struct FastScorer::TaskCounts {
@@ -138,7 +148,7 @@ bool FastScorer::visible(int32_t s, int32_t sensor, const FacingLimit& limit) co
   return isSensorVisible(evaluator_.observations->visibilityTests[static_cast<size_t>(sensor)], pose);
 }
 
-double FastScorer::referenceValue(int32_t s, uint64_t mask, int worker) {
+int32_t FastScorer::referenceJacobian(int32_t s, uint64_t mask, int worker) {
   // The steps of scorePlacement for one sample, on this worker's buffers and
   // with the visible sensors given by `mask` instead of the shared bit list.
   const SampleFrame& f = frames_[static_cast<size_t>(s)];
@@ -168,47 +178,89 @@ double FastScorer::referenceValue(int32_t s, uint64_t mask, int worker) {
   }
   // A failed evaluation writes nothing, and J stays zero.
   if (!ok) J.setZero();
-
-  if (rows > kSmallViewRows) return evaluator_.score.sampleValue(scratch, rows);
-  double diagonal[6];
-  covarianceDiagonal(evaluator_.score.measurementInformation, J.data(), rows, diagonal);
-  return evaluator_.score.valueOf(diagonal);
+  return rows;
 }
 
-double FastScorer::cachedReferenceValue(int32_t s, uint64_t mask, int worker) {
+void FastScorer::referenceTerm(int32_t s, uint64_t mask, int worker) {
   // Without the moved sensor, the value depends on sensors whose places the
   // entry's stamp tells: a trial that moves a sensor out of a view and is
   // put back finds the rest of the view's value here the next time.
+  const double weight = frames_[static_cast<size_t>(s)].weight;
   const bool cacheable = trial_.sensor < 0 || (mask >> trial_.sensor & 1) == 0;
   ReferenceEntry& entry = referenceCache_[static_cast<size_t>(s)];
   if (cacheable && entry.mask == mask) {
     bool current = true;
     for (uint64_t m = mask; m != 0 && current; m &= m - 1)
       current = placedAt_[static_cast<size_t>(__builtin_ctzll(m))] <= entry.stamp;
-    if (current) return entry.value;
+    if (current) {
+      terms_[static_cast<size_t>(s)] = entry.value * weight;
+      return;
+    }
   }
-  const double value = referenceValue(s, mask, worker);
-  if (cacheable) entry = {mask, epoch_, value};
-  return value;
+  const int32_t rows = referenceJacobian(s, mask, worker);
+  WorkerScratch& w = *scratch_[static_cast<size_t>(worker)];
+  if (rows > kSmallViewRows) {
+    const double value = evaluator_.score.sampleValue(w.score, rows);
+    if (cacheable) entry = {mask, epoch_, value};
+    terms_[static_cast<size_t>(s)] = value * weight;
+    return;
+  }
+  // Small views wait for others of their size, to be solved kLanes at a
+  // time.
+  WorkerScratch::PendingViews& pending = w.pending[rows / 2 - 1];
+  const int lane = pending.count++;
+  pending.sample[lane] = s;
+  pending.mask[lane] = mask;
+  pending.cacheable[lane] = cacheable;
+  std::copy(w.score.jacobian.data(), w.score.jacobian.data() + rows * 6, pending.jacobian[lane]);
+  if (pending.count == kLanes) solvePending(w, rows);
 }
 
-double FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, const LaneSolve& solve, int lane,
-                              int worker, bool& reference) {
-  const SampleFrame& f = frames_[static_cast<size_t>(s)];
+void FastScorer::solvePending(WorkerScratch& w, int32_t rows) {
+  WorkerScratch::PendingViews& pending = w.pending[rows / 2 - 1];
+  if (pending.count == 0) return;
+  const double* jacobian[kLanes];
+  for (int lane = 0; lane < kLanes; ++lane) jacobian[lane] = pending.jacobian[lane < pending.count ? lane : 0];
+  const Eigen::MatrixXd& information = evaluator_.score.measurementInformation;
+  covarianceLanes(information.data(), static_cast<long>(information.outerStride()), jacobian, rows, w.covariance);
+  for (int lane = 0; lane < pending.count; ++lane) {
+    const double diagonal[6] = {w.covariance.diagonal[0][lane], w.covariance.diagonal[1][lane],
+                                w.covariance.diagonal[2][lane], w.covariance.diagonal[3][lane],
+                                w.covariance.diagonal[4][lane], w.covariance.diagonal[5][lane]};
+    const double value = evaluator_.score.valueOf(diagonal);
+    const size_t at = static_cast<size_t>(pending.sample[lane]);
+    if (pending.cacheable[lane]) referenceCache_[at] = {pending.mask[lane], epoch_, value};
+    terms_[at] = value * frames_[at].weight;
+  }
+  pending.count = 0;
+}
+
+void FastScorer::solveAllPending() {
+  for (const std::unique_ptr<WorkerScratch>& w : scratch_)
+    for (int32_t rows = 2; rows <= kSmallViewRows; rows += 2) solvePending(*w, rows);
+}
+
+void FastScorer::sampleTerm(int32_t s, uint64_t mask, const int64_t* total, const LaneSolve& solve, int lane,
+                            int worker, bool& reference) {
+  const size_t at = static_cast<size_t>(s);
+  const double weight = frames_[at].weight;
   reference = false;
   const int seen = __builtin_popcountll(mask);
-  if (seen == 0) return evaluator_.score.unseenTerm(f.weight);
-  if (seen > kMaxSensors) return kNoAnswer * f.weight;
-  // Views of fewer than 3 sensors are singular, and a pivot that is small
-  // against its diagonal entry means the columns are close to dependent: the
-  // reference's LU decides those.
-  if (seen < 3 || total[kOversizedAt] != 0 || !solve.solved[lane]) {
+  if (seen == 0) {
+    terms_[at] = evaluator_.score.unseenTerm(weight);
+  } else if (seen > kMaxSensors) {
+    terms_[at] = kNoAnswer * weight;
+  } else if (seen < 3 || total[kOversizedAt] != 0 || !solve.solved[lane]) {
+    // Views of fewer than 3 sensors are singular, and a pivot that is small
+    // against its diagonal entry means the columns are close to dependent:
+    // the reference's LU decides those.
     reference = true;
-    return cachedReferenceValue(s, mask, worker) * f.weight;
+    referenceTerm(s, mask, worker);
+  } else {
+    const double x = std::sqrt(solve.position[lane]) + std::sqrt(solve.rotation[lane]);
+    const double value = std::isnan(x) ? kNoAnswer : evaluator_.score.curve(x);
+    terms_[at] = value * weight;
   }
-  const double x = std::sqrt(solve.position[lane]) + std::sqrt(solve.rotation[lane]);
-  const double value = std::isnan(x) ? kNoAnswer : evaluator_.score.curve(x);
-  return value * f.weight;
 }
 
 void FastScorer::solveBatch(const int32_t* samples, int count, int worker, TaskCounts& counts) {
@@ -219,8 +271,7 @@ void FastScorer::solveBatch(const int32_t* samples, int count, int worker, TaskC
   for (int lane = 0; lane < count; ++lane) {
     const int32_t s = samples[lane];
     bool reference = false;
-    terms_[static_cast<size_t>(s)] =
-        sampleTerm(s, masks_[static_cast<size_t>(s)], totalOf(s), w.solve, lane, worker, reference);
+    sampleTerm(s, masks_[static_cast<size_t>(s)], totalOf(s), w.solve, lane, worker, reference);
     ++counts.evaluated;
     counts.reference += reference ? 1 : 0;
   }
@@ -243,15 +294,15 @@ void FastScorer::evaluateMove(int32_t first, int32_t end, int worker, TaskCounts
   // face the station now, by the cheap test on the sample's translation
   // alone.
   uint64_t before = 0;
-  for (int32_t s = first; s < end; ++s)
-    before |= (masks_[static_cast<size_t>(s)] >> t.sensor & 1) << (s - first);
+  for (int32_t s = first; s < end; ++s) before |= (masks_[static_cast<size_t>(s)] >> t.sensor & 1) << (s - first);
   for (uint64_t m = before; m != 0; m &= m - 1) {
     const int64_t* total = totalOf(first + __builtin_ctzll(m), 0);
     for (int line = 0; line < 2 * kShareSize * 8; line += 64)
       __builtin_prefetch(reinterpret_cast<const char*>(total) + line, 1);
   }
-  const uint64_t candidates = mayFaceLanes(objectBlocks_.data() + static_cast<size_t>(first / kLanes) * kFacingBlockSize,
-                                           (end - first + kLanes - 1) / kLanes, t.limit);
+  const uint64_t candidates =
+      mayFaceLanes(objectBlocks_.data() + static_cast<size_t>(first / kLanes) * kFacingBlockSize,
+                   (end - first + kLanes - 1) / kLanes, t.limit);
 
   // The exact incidence test of isSensorVisible kLanes samples at a time, and
   // the rays of those that pass, cast a packet at a time.
@@ -336,7 +387,7 @@ void FastScorer::moveBatch(const int32_t* samples, int count, uint64_t before, u
     const uint64_t mask = (adding >> lane & 1) != 0 ? (masks_[at] | bit) : (masks_[at] & ~bit);
     masks_[at] = mask;
     bool reference = false;
-    terms_[at] = sampleTerm(s, mask, total, w.solve, lane, worker, reference);
+    sampleTerm(s, mask, total, w.solve, lane, worker, reference);
     ++counts.evaluated;
     counts.reference += reference ? 1 : 0;
   }
@@ -589,6 +640,7 @@ double FastScorer::scoreAll() {
   forEachTask([this](int32_t first, int32_t end, int worker, TaskCounts& counts) {
     evaluateBlockFully(first, end, worker, counts);
   });
+  solveAllPending();
   finish();
   return sumTerms();
 }
@@ -621,6 +673,7 @@ double FastScorer::scoreMove(int32_t sensor) {
 
   forEachTask(
       [this](int32_t first, int32_t end, int worker, TaskCounts& counts) { evaluateMove(first, end, worker, counts); });
+  solveAllPending();
   closing_ = Closing::kNone;
   finish();
   return sumTerms();

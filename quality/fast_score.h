@@ -92,8 +92,8 @@ class FastScorer {
     double point[3];
     double normal[3];
     double committedPoint[3];  // where its shares in the sums were taken
-    FacingLimit limit;    // of the pre-test
-    FacingSensor facing;  // of the exact test
+    FacingLimit limit;         // of the pre-test
+    FacingSensor facing;       // of the exact test
     const TrackedSurface* surface = nullptr;
     float origin[3];  // of its rays
   };
@@ -105,10 +105,13 @@ class FastScorer {
                  TaskCounts& counts);
   void solveBatch(const int32_t* samples, int count, int worker, TaskCounts& counts);
   void settle(size_t s);
-  double sampleTerm(int32_t s, uint64_t mask, const int64_t* total, const LaneSolve& solve, int lane, int worker,
-                    bool& reference);
-  double referenceValue(int32_t s, uint64_t mask, int worker);
-  double cachedReferenceValue(int32_t s, uint64_t mask, int worker);
+  // Writes sample s's term, or leaves it to solvePending.
+  void sampleTerm(int32_t s, uint64_t mask, const int64_t* total, const LaneSolve& solve, int lane, int worker,
+                  bool& reference);
+  void referenceTerm(int32_t s, uint64_t mask, int worker);
+  int32_t referenceJacobian(int32_t s, uint64_t mask, int worker);  // into the worker's score scratch; its rows
+  void solvePending(WorkerScratch& w, int32_t rows);
+  void solveAllPending();
   bool visible(int32_t s, int32_t sensor, const FacingLimit& limit) const;
   int64_t* totalOf(int32_t s);  // the slot in use
   int64_t* totalOf(int32_t s, int slot);

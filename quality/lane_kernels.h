@@ -220,6 +220,115 @@ uint32_t facingRays(const double* const frame[kLanes], const FacingSensor& senso
   return bits;
 }
 
+namespace {
+
+Lanes magnitude(Lanes x) {
+  IntLanes bits;
+  std::memcpy(&bits, &x, sizeof x);
+  bits &= IntLanes{} + 0x7fffffffffffffff;
+  std::memcpy(&x, &bits, sizeof x);
+  return x;
+}
+
+// The steps of the one-view covarianceDiagonal, each lane on its own view.
+template <int rows>
+void covarianceOfRows(const double* W, long stride, const double* const jacobian[kLanes], LaneCovariance& out) {
+  constexpr int blocks = (rows * 6 + kLanes - 1) / kLanes;
+  Lanes J[blocks * kLanes];  // J[k * 6 + i] = J(k, i)
+  for (int block = 0; block < blocks; ++block) {
+    const double* row[kLanes];
+    for (int lane = 0; lane < kLanes; ++lane) row[lane] = jacobian[lane] + block * kLanes;
+    transpose(row, J + block * kLanes);
+  }
+  Lanes WT[6][rows];
+  for (int i = 0; i < 6; ++i)
+    for (int c = 0; c < rows; ++c) {
+      const double* column = W + c * stride;
+      Lanes sum = J[i] * column[0];
+      for (int k = 1; k < rows; ++k) sum += J[k * 6 + i] * column[k];
+      WT[i][c] = sum;
+    }
+  Lanes A[6][6];
+  for (int i = 0; i < 6; ++i)
+    for (int j = 0; j < 6; ++j) {
+      Lanes sum = WT[i][0] * J[j];
+      for (int k = 1; k < rows; ++k) sum += WT[i][k] * J[k * 6 + j];
+      A[i][j] = sum;
+    }
+
+  // LU with partial pivoting, the choices made lane by lane.
+  IntLanes permuted[6];
+  IntLanes transposition[6];
+  for (int k = 0; k < 6; ++k) {
+    IntLanes p = IntLanes{} + k;
+    Lanes biggest = magnitude(A[k][k]);
+    for (int i = k + 1; i < 6; ++i) {
+      const Lanes candidate = magnitude(A[i][k]);
+      const IntLanes bigger = candidate > biggest;
+      biggest = bigger ? candidate : biggest;
+      p = bigger ? IntLanes{} + i : p;
+    }
+    transposition[k] = p;
+    // Not-a-number is not zero either.
+    const IntLanes pivoting = biggest != 0.0;
+    for (int i = k + 1; i < 6; ++i) {
+      const IntLanes swap = pivoting & (p == i);
+      for (int j = 0; j < 6; ++j) {
+        const Lanes a = A[k][j], b = A[i][j];
+        A[k][j] = swap ? b : a;
+        A[i][j] = swap ? a : b;
+      }
+    }
+    for (int i = k + 1; i < 6; ++i) A[i][k] = pivoting ? A[i][k] / A[k][k] : A[i][k];
+    for (int j = k + 1; j < 6; ++j)
+      for (int i = k + 1; i < 6; ++i) A[i][j] -= A[k][j] * A[i][k];
+  }
+  for (int k = 0; k < 6; ++k) permuted[k] = IntLanes{} + k;
+  for (int k = 5; k >= 0; --k) {
+    const IntLanes kept = permuted[k];
+    for (int m = k + 1; m < 6; ++m) {
+      const IntLanes at = transposition[k] == m;
+      permuted[k] = at ? permuted[m] : permuted[k];
+      permuted[m] = at ? kept : permuted[m];
+    }
+  }
+
+  for (int column = 0; column < 6; ++column) {
+    Lanes x[6];
+    for (int r = 0; r < 6; ++r) x[r] = permuted[column] == r ? broadcast(1.0) : Lanes{};
+    for (int i = 0; i < 4; ++i)
+      for (int r = i + 1; r < 4; ++r) x[r] -= x[i] * A[r][i];
+    for (int r = 4; r < 6; ++r) {
+      Lanes dot = Lanes{};
+      for (int k = 0; k < 4; ++k) dot += A[r][k] * x[k];
+      x[r] -= dot;
+    }
+    x[5] -= x[4] * A[5][4];
+    for (int i = 5; i >= 2; --i) {
+      x[i] *= 1.0 / A[i][i];
+      for (int r = 2; r < i; ++r) x[r] -= x[i] * A[r][i];
+    }
+    for (int r = 0; r < 2; ++r) {
+      Lanes dot = Lanes{};
+      for (int k = 2; k < 6; ++k) dot += A[r][k] * x[k];
+      x[r] -= dot;
+    }
+    x[1] *= 1.0 / A[1][1];
+    x[0] -= x[1] * A[0][1];
+    x[0] *= 1.0 / A[0][0];
+    store(out.diagonal[column], x[column]);
+  }
+}
+
+}  // namespace
+
+void covariance(const double* information, long stride, const double* const jacobian[kLanes], int rows,
+                LaneCovariance& out) {
+  if (rows == 2) return covarianceOfRows<2>(information, stride, jacobian, out);
+  if (rows == 4) return covarianceOfRows<4>(information, stride, jacobian, out);
+  return covarianceOfRows<6>(information, stride, jacobian, out);
+}
+
 void sensorRows(const LaneFrames& frames, const ShareScales& scales, const double point[3], LaneRows& out) {
   Lanes F[40], r0[6], r1[6];
   frameColumns(frames, F);

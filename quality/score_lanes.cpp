@@ -7,13 +7,15 @@
 namespace sensorlay {
 
 // The copies of quality/lane_kernels.h.
-#define SENSORLAY_LANE_DECLARATIONS                                                                           \
-  void sensorRows(const LaneFrames& frames, const ShareScales& scales, const double point[3], LaneRows& out); \
-  void exchangeShares(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],      \
-                      uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums);  \
-  void solve(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out);             \
-  uint64_t mayFace(const double* blocks, int blockCount, const FacingLimit& limit);                          \
-  uint32_t facingRays(const double* const frame[kLanes], const FacingSensor& sensor, LaneDirections& directions);
+#define SENSORLAY_LANE_DECLARATIONS                                                                               \
+  void sensorRows(const LaneFrames& frames, const ShareScales& scales, const double point[3], LaneRows& out);     \
+  void exchangeShares(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],          \
+                      uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums);      \
+  void solve(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out);                 \
+  uint64_t mayFace(const double* blocks, int blockCount, const FacingLimit& limit);                               \
+  uint32_t facingRays(const double* const frame[kLanes], const FacingSensor& sensor, LaneDirections& directions); \
+  void covariance(const double* information, long stride, const double* const jacobian[kLanes], int rows,         \
+                  LaneCovariance& out);
 namespace lanesBase {
 SENSORLAY_LANE_DECLARATIONS
 }
@@ -35,6 +37,7 @@ struct LaneKernels {
   decltype(&lanesBase::solve) solve;
   decltype(&lanesBase::mayFace) mayFace;
   decltype(&lanesBase::facingRays) facingRays;
+  decltype(&lanesBase::covariance) covariance;
   LaneWidth width;
 };
 
@@ -52,11 +55,24 @@ bool available(LaneWidth width) {
 LaneKernels kernelsOf(LaneWidth width) {
 #if SENSORLAY_WIDE_LANES
   if (width == LaneWidth::Avx512)
-    return {lanesAvx512::sensorRows, lanesAvx512::exchangeShares, lanesAvx512::solve, lanesAvx512::mayFace, lanesAvx512::facingRays, width};
-  if (width == LaneWidth::Avx2) return {lanesAvx2::sensorRows, lanesAvx2::exchangeShares, lanesAvx2::solve, lanesAvx2::mayFace, lanesAvx2::facingRays, width};
+    return {lanesAvx512::sensorRows,
+            lanesAvx512::exchangeShares,
+            lanesAvx512::solve,
+            lanesAvx512::mayFace,
+            lanesAvx512::facingRays,
+            lanesAvx512::covariance,
+            width};
+  if (width == LaneWidth::Avx2)
+    return {lanesAvx2::sensorRows,
+            lanesAvx2::exchangeShares,
+            lanesAvx2::solve,
+            lanesAvx2::mayFace,
+            lanesAvx2::facingRays,
+            lanesAvx2::covariance,
+            width};
 #endif
-  return {lanesBase::sensorRows, lanesBase::exchangeShares, lanesBase::solve, lanesBase::mayFace, lanesBase::facingRays,
-          LaneWidth::Base};
+  return {lanesBase::sensorRows, lanesBase::exchangeShares, lanesBase::solve, lanesBase::mayFace,
+          lanesBase::facingRays, lanesBase::covariance,     LaneWidth::Base};
 }
 
 LaneKernels& kernels() {
@@ -134,6 +150,11 @@ uint64_t mayFaceLanes(const double* blocks, int blockCount, const FacingLimit& l
 
 uint32_t facingLanes(const double* const frame[kLanes], const FacingSensor& sensor, LaneDirections& directions) {
   return kernels().facingRays(frame, sensor, directions);
+}
+
+void covarianceLanes(const double* information, long stride, const double* const jacobian[kLanes], int rows,
+                     LaneCovariance& out) {
+  kernels().covariance(information, stride, jacobian, rows, out);
 }
 
 bool useLaneKernels(LaneWidth width) {

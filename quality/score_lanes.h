@@ -125,6 +125,17 @@ struct alignas(64) LaneDirections {
 };
 uint32_t facingLanes(const double* const frame[kLanes], const FacingSensor& sensor, LaneDirections& directions);
 
+// covarianceDiagonal (quality/score_scratch.h) of up to kLanes views of the
+// same even number of rows, at most 6, bit for bit: jacobian[lane] points to
+// a view's row-major rows, in kCovarianceJacobianSize doubles, and
+// information to the noise information, column-major with `stride`.
+constexpr int kCovarianceJacobianSize = 40;
+struct alignas(64) LaneCovariance {
+  double diagonal[6][kLanes];
+};
+void covarianceLanes(const double* information, long stride, const double* const jacobian[kLanes], int rows,
+                     LaneCovariance& out);
+
 // The vector widths the kernels are built for. The widest the processor has
 // is used; a test may ask for a narrower one, which must give the same bits.
 enum class LaneWidth { Base, Avx2, Avx512 };

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <string>
@@ -12,7 +13,9 @@
 
 #include "observation/sweep_model.h"
 #include "quality/coverage_evaluator.h"
+#include "quality/placement_score.h"
 #include "quality/score_lanes.h"
+#include "quality/score_scratch.h"
 #include "surface/tracked_surface.h"
 #include "tests/support/samples.h"
 #include "tests/support/score_runs.h"
@@ -151,6 +154,43 @@ TEST(FastScore, EveryVectorWidthGivesTheSameBits) {
     if (scores[w].empty()) continue;
     EXPECT_EQ(scores[w], scores[0]) << w;
   }
+}
+
+// Eight views at once solve as each alone does, to the bit, also where the
+// pivots are zero, tiny or not a number, at every vector width: the lanes
+// pick their own pivots and rows.
+TEST(FastScore, LanesOfViewsSolveAsOneView) {
+  const Eigen::MatrixXd W = angleNoiseInformation();
+  std::mt19937 draws(5);
+  auto draw = [&] { return static_cast<double>(draws() % 2001) / 1000.0 - 1.0; };
+  const LaneWidth widest = laneKernelsInUse();
+  for (int rows = 2; rows <= kSmallViewRows; rows += 2) {
+    alignas(64) double J[kLanes][kCovarianceJacobianSize] = {};
+    for (int lane = 0; lane < kLanes; ++lane)
+      for (int e = 0; e < rows * 6; ++e) {
+        // Lanes 0-3 general, 4 a zero view, 5 two equal rows, 6 one huge
+        // entry, 7 a not-a-number.
+        J[lane][e] = lane == 4 ? 0.0 : lane == 5 && e >= 6 ? J[lane][e - 6] : draw();
+      }
+    J[6][3] = 1e200;
+    J[7][rows * 6 - 1] = std::nan("");
+    const double* views[kLanes];
+    for (int lane = 0; lane < kLanes; ++lane) views[lane] = J[lane];
+    for (LaneWidth width : {LaneWidth::Base, LaneWidth::Avx2, LaneWidth::Avx512}) {
+      if (!useLaneKernels(width)) continue;
+      LaneCovariance lanes;
+      covarianceLanes(W.data(), static_cast<long>(W.outerStride()), views, rows, lanes);
+      for (int lane = 0; lane < kLanes; ++lane) {
+        double one[6];
+        covarianceDiagonal(W, J[lane], rows, one);
+        for (int i = 0; i < 6; ++i)
+          EXPECT_EQ(std::memcmp(&one[i], &lanes.diagonal[i][lane], sizeof(double)), 0)
+              << rows << " rows, lane " << lane << ", entry " << i << ", width " << static_cast<int>(width) << ": "
+              << one[i] << " against " << lanes.diagonal[i][lane];
+      }
+    }
+  }
+  useLaneKernels(widest);
 }
 
 TEST(FastScore, DegenerateFewAndFlatViewsAgree) {
