@@ -374,9 +374,7 @@ void FastScorer::moveBatch(const int32_t* samples, int count, uint64_t before, u
   // plus its shares at the new one. Exact in fixed point, so each is the
   // same as if it had been added up from nothing, and an old share, worked
   // out again, is the very one that was added.
-  exchangeShareLanes(w.frames, scales_, t.committedPoint, removing, t.point, adding, w.sums);
-  for (int lane = 0; lane < kLanes; ++lane) w.sums.in[lane] = w.sums.out[lane < count ? lane : 0];
-  solveLanes(w.sums, scales_, kPivotFloor, w.solve);
+  exchangeAndSolveLanes(w.frames, scales_, t.committedPoint, removing, t.point, adding, w.sums, kPivotFloor, w.solve);
   for (int lane = 0; lane < count; ++lane) {
     const int32_t s = samples[lane];
     const size_t at = static_cast<size_t>(s);

@@ -339,9 +339,13 @@ void sensorRows(const LaneFrames& frames, const ShareScales& scales, const doubl
   }
 }
 
-void exchangeShares(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],
-                    uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums) {
-  IntLanes removed[kShareSize], added[kShareSize], entry[kShareSize];
+namespace {
+
+// exchangeShares, leaving the new sums as columns in `entry` too.
+void exchangeColumns(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],
+                     uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums,
+                     IntLanes entry[kShareSize]) {
+  IntLanes removed[kShareSize], added[kShareSize];
   Lanes F[40], r0[6], r1[6];
   frameColumns(frames, F);
   const IntLanes removeMask = laneMask(removing), addMask = laneMask(adding);
@@ -369,11 +373,20 @@ void exchangeShares(const LaneFrames& frames, const ShareScales& scales, const d
   }
 }
 
-void solve(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out) {
+}  // namespace
+
+void exchangeShares(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],
+                    uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums) {
+  IntLanes entry[kShareSize];
+  exchangeColumns(frames, scales, removedPoint, removing, addedPoint, adding, sums, entry);
+}
+
+namespace {
+
+// The solve of sums standing as columns.
+void solveColumns(const IntLanes sum[kShareSize], const ShareScales& scales, double pivotFloor, LaneSolve& out) {
   // The 1 / s2 is applied to the variances at the end.
   const double unit = 1.0 / scales.fixedScale;
-  IntLanes sum[kShareSize];
-  sumColumns(sums.in, sum);
   auto entry = [&](int e) { return __builtin_convertvector(sum[e], Lanes) * unit; };
   Lanes a[6] = {}, b[6] = {};
   for (int e = 0; e < 5; ++e) {
@@ -425,6 +438,22 @@ void solve(const LaneSums& sums, const ShareScales& scales, double pivotFloor, L
   store(out.position, variance[0] + variance[1] + variance[2]);
   store(out.rotation, (variance[3] + variance[4] + variance[5]) * rotationUnit);
   for (int lane = 0; lane < kLanes; ++lane) out.solved[lane] = solved[lane] != 0;
+}
+
+}  // namespace
+
+void solve(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out) {
+  IntLanes sum[kShareSize];
+  sumColumns(sums.in, sum);
+  solveColumns(sum, scales, pivotFloor, out);
+}
+
+void exchangeAndSolve(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],
+                      uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums,
+                      double pivotFloor, LaneSolve& out) {
+  IntLanes entry[kShareSize];
+  exchangeColumns(frames, scales, removedPoint, removing, addedPoint, adding, sums, entry);
+  solveColumns(entry, scales, pivotFloor, out);
 }
 
 }  // namespace sensorlay::SENSORLAY_LANES

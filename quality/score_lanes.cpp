@@ -12,6 +12,9 @@ namespace sensorlay {
   void exchangeShares(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],          \
                       uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums);      \
   void solve(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out);                 \
+  void exchangeAndSolve(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],        \
+                        uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums,     \
+                        double pivotFloor, LaneSolve& out);                                                       \
   uint64_t mayFace(const double* blocks, int blockCount, const FacingLimit& limit);                               \
   uint32_t facingRays(const double* const frame[kLanes], const FacingSensor& sensor, LaneDirections& directions); \
   void covariance(const double* information, long stride, const double* const jacobian[kLanes], int rows,         \
@@ -35,6 +38,7 @@ struct LaneKernels {
   decltype(&lanesBase::sensorRows) sensorRows;
   decltype(&lanesBase::exchangeShares) exchangeShares;
   decltype(&lanesBase::solve) solve;
+  decltype(&lanesBase::exchangeAndSolve) exchangeAndSolve;
   decltype(&lanesBase::mayFace) mayFace;
   decltype(&lanesBase::facingRays) facingRays;
   decltype(&lanesBase::covariance) covariance;
@@ -55,24 +59,15 @@ bool available(LaneWidth width) {
 LaneKernels kernelsOf(LaneWidth width) {
 #if SENSORLAY_WIDE_LANES
   if (width == LaneWidth::Avx512)
-    return {lanesAvx512::sensorRows,
-            lanesAvx512::exchangeShares,
-            lanesAvx512::solve,
-            lanesAvx512::mayFace,
-            lanesAvx512::facingRays,
-            lanesAvx512::covariance,
-            width};
+    return {
+        lanesAvx512::sensorRows, lanesAvx512::exchangeShares, lanesAvx512::solve,      lanesAvx512::exchangeAndSolve,
+        lanesAvx512::mayFace,    lanesAvx512::facingRays,     lanesAvx512::covariance, width};
   if (width == LaneWidth::Avx2)
-    return {lanesAvx2::sensorRows,
-            lanesAvx2::exchangeShares,
-            lanesAvx2::solve,
-            lanesAvx2::mayFace,
-            lanesAvx2::facingRays,
-            lanesAvx2::covariance,
-            width};
+    return {lanesAvx2::sensorRows, lanesAvx2::exchangeShares, lanesAvx2::solve,      lanesAvx2::exchangeAndSolve,
+            lanesAvx2::mayFace,    lanesAvx2::facingRays,     lanesAvx2::covariance, width};
 #endif
-  return {lanesBase::sensorRows, lanesBase::exchangeShares, lanesBase::solve, lanesBase::mayFace,
-          lanesBase::facingRays, lanesBase::covariance,     LaneWidth::Base};
+  return {lanesBase::sensorRows, lanesBase::exchangeShares, lanesBase::solve,      lanesBase::exchangeAndSolve,
+          lanesBase::mayFace,    lanesBase::facingRays,     lanesBase::covariance, LaneWidth::Base};
 }
 
 LaneKernels& kernels() {
@@ -142,6 +137,12 @@ void exchangeShareLanes(const LaneFrames& frames, const ShareScales& scales, con
 
 void solveLanes(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out) {
   kernels().solve(sums, scales, pivotFloor, out);
+}
+
+void exchangeAndSolveLanes(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],
+                           uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums,
+                           double pivotFloor, LaneSolve& out) {
+  kernels().exchangeAndSolve(frames, scales, removedPoint, removing, addedPoint, adding, sums, pivotFloor, out);
 }
 
 uint64_t mayFaceLanes(const double* blocks, int blockCount, const FacingLimit& limit) {

@@ -95,6 +95,10 @@ struct alignas(64) LaneSolve {
   bool solved[kLanes];
 };
 void solveLanes(const LaneSums& sums, const ShareScales& scales, double pivotFloor, LaneSolve& out);
+// exchangeShareLanes, then solveLanes of the sums it wrote, in one pass.
+void exchangeAndSolveLanes(const LaneFrames& frames, const ShareScales& scales, const double removedPoint[3],
+                           uint32_t removing, const double addedPoint[3], uint32_t adding, const LaneSums& sums,
+                           double pivotFloor, LaneSolve& out);
 
 // The incidence pre-test of one sensor on samples held in blocks of eight:
 // each block the translations in object coordinates as three columns (x, y,
