@@ -17,7 +17,7 @@ log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 # The target's standard output is closed; its complaints and the sanitizers'
 # reports are shown when an input fails. Leaks count as findings too.
-if ! "$binary" -close_fd_mask=1 -timeout=30 -rss_limit_mb=2048 "${inputs[@]}" >"$log" 2>&1; then
+if ! "$binary" -close_fd_mask=1 -timeout=30 -rss_limit_mb=2048 -malloc_limit_mb=512 "${inputs[@]}" >"$log" 2>&1; then
   cat "$log" >&2
   echo "replay: $(basename "$binary") failed on an input (above)" >&2
   exit 1

@@ -190,6 +190,11 @@ Result<GreyImage> decodePng(const std::string& bytes) {
     png_set_option(png, PNG_IGNORE_ADLER32, PNG_OPTION_ON);
 #endif
     png_set_user_limits(png, static_cast<png_uint_32>(kMaxMapPixels), static_cast<png_uint_32>(kMaxMapPixels));
+    // Only the pixels, the palette and its transparency make a map. Every
+    // other chunk is skipped unread: libpng would otherwise allocate a text
+    // chunk's declared length (up to 2 GB) before finding that the file ends,
+    // and inflate compressed text and profiles.
+    png_set_keep_unknown_chunks(png, PNG_HANDLE_CHUNK_NEVER, nullptr, -1);
     png_read_info(png, info);
     png_get_IHDR(png, info, &width, &height, &depth, &colourType, &interlace, nullptr, nullptr);
     transparency = png_get_valid(png, info, PNG_INFO_tRNS) != 0;
