@@ -64,6 +64,15 @@ struct FastScorer::WorkerScratch {
   alignas(64) int64_t aside[kShareSize];  // where unused lanes write
   LaneSolve solve;
   LaneRows rows;
+  // The samples of a trial waiting for a full set of lanes, and which of
+  // them lose and gain the moved sensor, a bit per lane.
+  struct Moving {
+    int count = 0;
+    int32_t sample[kLanes];
+    uint32_t removing = 0;
+    uint32_t adding = 0;
+  };
+  Moving moving;
   // Reference views of 2, 4 and 6 rows waiting for a full set of lanes.
   struct PendingViews {
     int count = 0;
@@ -338,26 +347,29 @@ void FastScorer::evaluateMove(int32_t first, int32_t end, int worker, TaskCounts
   if (rays > 0) castPacket(w, rays, after);
 
   // A sample where the sensor is unseen before and after keeps its term bit
-  // for bit; the others are worked out kLanes at a time.
+  // for bit; the others are worked out kLanes at a time, with those of this
+  // worker's earlier tasks, so that few lanes go unused.
   const uint64_t changed = before | after;
   if (after != 0) counts.seen |= bit;
-  int32_t batch[kLanes];
-  count = 0;
+  WorkerScratch::Moving& moving = w.moving;
   for (uint64_t m = changed; m != 0; m &= m - 1) {
-    batch[count++] = first + __builtin_ctzll(m);
-    if (count == kLanes || (m & (m - 1)) == 0) {
-      moveBatch(batch, count, before >> (batch[0] - first), after >> (batch[0] - first), batch[0], worker, counts);
-      count = 0;
-    }
+    const int offset = __builtin_ctzll(m);
+    const int lane = moving.count++;
+    moving.sample[lane] = first + offset;
+    moving.removing |= static_cast<uint32_t>(before >> offset & 1) << lane;
+    moving.adding |= static_cast<uint32_t>(after >> offset & 1) << lane;
+    if (moving.count == kLanes) moveBatch(worker, counts);
   }
 }
 
-void FastScorer::moveBatch(const int32_t* samples, int count, uint64_t before, uint64_t after, int32_t base, int worker,
-                           TaskCounts& counts) {
+void FastScorer::moveBatch(int worker, TaskCounts& counts) {
   const Trial& t = trial_;
   const uint64_t bit = uint64_t{1} << t.sensor;
   WorkerScratch& w = *scratch_[static_cast<size_t>(worker)];
-  uint32_t removing = 0, adding = 0;
+  WorkerScratch::Moving& moving = w.moving;
+  const int count = moving.count;
+  const uint32_t removing = moving.removing, adding = moving.adding;
+  const int32_t* samples = moving.sample;
   for (int lane = 0; lane < kLanes; ++lane) {
     // Unused lanes repeat the first sample and write their sums aside.
     const int32_t s = samples[lane < count ? lane : 0];
@@ -366,9 +378,6 @@ void FastScorer::moveBatch(const int32_t* samples, int count, uint64_t before, u
     w.sums.in[lane] = totalOf(s, totalSlot_[at]);
     // Into the free slot.
     w.sums.out[lane] = lane < count ? totalOf(s, totalSlot_[at] ^ 1) : w.aside;
-    if (lane >= count) continue;
-    removing |= static_cast<uint32_t>(before >> (s - base) & 1) << lane;
-    adding |= static_cast<uint32_t>(after >> (s - base) & 1) << lane;
   }
   // The new sums: the old ones, less the sensor's shares at its old place,
   // plus its shares at the new one. Exact in fixed point, so each is the
@@ -389,6 +398,7 @@ void FastScorer::moveBatch(const int32_t* samples, int count, uint64_t before, u
     ++counts.evaluated;
     counts.reference += reference ? 1 : 0;
   }
+  moving = WorkerScratch::Moving();
 }
 
 void FastScorer::evaluateBlockFully(int32_t first, int32_t end, int worker, TaskCounts& counts) {
@@ -671,6 +681,9 @@ double FastScorer::scoreMove(int32_t sensor) {
 
   forEachTask(
       [this](int32_t first, int32_t end, int worker, TaskCounts& counts) { evaluateMove(first, end, worker, counts); });
+  // What the workers' last tasks left waiting.
+  for (size_t worker = 0; worker < scratch_.size(); ++worker)
+    if (scratch_[worker]->moving.count > 0) moveBatch(static_cast<int>(worker), taskCounts_.front());
   solveAllPending();
   closing_ = Closing::kNone;
   finish();

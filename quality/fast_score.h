@@ -101,8 +101,7 @@ class FastScorer {
   void evaluateBlockFully(int32_t first, int32_t end, int worker, TaskCounts& counts);
   void evaluateMove(int32_t first, int32_t end, int worker, TaskCounts& counts);
   void castPacket(WorkerScratch& w, int lanes, uint64_t& seen) const;
-  void moveBatch(const int32_t* samples, int count, uint64_t before, uint64_t after, int32_t base, int worker,
-                 TaskCounts& counts);
+  void moveBatch(int worker, TaskCounts& counts);  // of the worker's waiting samples
   void solveBatch(const int32_t* samples, int count, int worker, TaskCounts& counts);
   void settle(size_t s);
   // Writes sample s's term, or leaves it to solvePending.
