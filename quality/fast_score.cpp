@@ -304,10 +304,12 @@ void FastScorer::evaluateMove(int32_t first, int32_t end, int worker, TaskCounts
   // alone.
   uint64_t before = 0;
   for (int32_t s = first; s < end; ++s) before |= (masks_[static_cast<size_t>(s)] >> t.sensor & 1) << (s - first);
+  // Their sums in use, which the batches read, fetched while the rays are
+  // cast; the free slots are only written.
   for (uint64_t m = before; m != 0; m &= m - 1) {
-    const int64_t* total = totalOf(first + __builtin_ctzll(m), 0);
-    for (int line = 0; line < 2 * kShareSize * 8; line += 64)
-      __builtin_prefetch(reinterpret_cast<const char*>(total) + line, 1);
+    const int64_t* total = totalOf(first + __builtin_ctzll(m));
+    for (int line = 0; line < kShareSize * 8; line += 64)
+      __builtin_prefetch(reinterpret_cast<const char*>(total) + line, 0);
   }
   const uint64_t candidates =
       mayFaceLanes(objectBlocks_.data() + static_cast<size_t>(first / kLanes) * kFacingBlockSize,
