@@ -97,7 +97,8 @@ constexpr int kSecondRowColumns[5] = {1, 2, 3, 4, 5};
 
 // The rows of a sensor at `point`: X = R p + t, its derivative by the
 // rotation vector M = sum_i p_i dR e_i, and the gradients of the two angles.
-void rows(const Lanes frame[40], const ShareScales& scales, const double point[3], Lanes r0[6], Lanes r1[6]) {
+__attribute__((always_inline)) inline void rows(const Lanes frame[40], const ShareScales& scales, const double point[3],
+                                                Lanes r0[6], Lanes r1[6]) {
   const double px = point[0], py = point[1], pz = point[2];
   const double* t = scales.translation;
   auto F = [&](int i) { return frame[i]; };
@@ -128,7 +129,8 @@ void rows(const Lanes frame[40], const ShareScales& scales, const double point[3
 // The share of the rows in fixed point; a lane with an entry too large for
 // it gets no entries and a count of one in the oversize slot, so that its
 // sample goes to the reference computation.
-void share(const Lanes r0[6], const Lanes r1[6], double fixedScale, IntLanes out[kShareSize]) {
+__attribute__((always_inline)) inline void share(const Lanes r0[6], const Lanes r1[6], double fixedScale,
+                                                 IntLanes out[kShareSize]) {
   Lanes values[kOversizedAt];
   for (int e = 0; e < kOuterEntries; ++e) {
     const int i = kOuterIndex[e][0], j = kOuterIndex[e][1];
@@ -176,7 +178,7 @@ uint64_t mayFace(const double* blocks, int blockCount, const FacingLimit& limit)
 namespace {
 
 // q p q*, in the order of the one-point rotation the visibility test uses.
-void rotate(const Lanes q[4], const Lanes p[3], Lanes out[3]) {
+__attribute__((always_inline)) inline void rotate(const Lanes q[4], const Lanes p[3], Lanes out[3]) {
   Lanes uv0 = q[2] * p[2] - q[3] * p[1];
   Lanes uv1 = q[3] * p[0] - q[1] * p[2];
   Lanes uv2 = q[1] * p[1] - q[2] * p[0];
