@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cmath>
+#include <cstddef>
 #include <limits>
 
 #include "common/worker_pool.h"
@@ -317,6 +318,8 @@ void FastScorer::evaluateMove(int32_t first, int32_t end, int worker, TaskCounts
 
   // The exact incidence test of isSensorVisible kLanes samples at a time, and
   // the rays of those that pass, cast a packet at a time.
+  static_assert(offsetof(SampleFrame, conjugate) == offsetof(SampleFrame, quaternion) + 4 * sizeof(double),
+                "facingLanes reads a frame's quaternion and conjugate as eight numbers in a row");
   uint64_t after = 0;
   int rays = 0;
   int offsets[kLanes];

@@ -9,6 +9,7 @@
 #include <random>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "observation/sweep_model.h"
@@ -17,6 +18,7 @@
 #include "quality/score_lanes.h"
 #include "quality/score_scratch.h"
 #include "surface/tracked_surface.h"
+#include "surface/visibility.h"
 #include "tests/support/samples.h"
 #include "tests/support/score_runs.h"
 
@@ -189,6 +191,62 @@ TEST(FastScore, LanesOfViewsSolveAsOneView) {
               << one[i] << " against " << lanes.diagonal[i][lane];
       }
     }
+  }
+  useLaneKernels(widest);
+}
+
+// The facing test of eight samples at once answers as the visibility test's
+// own steps do, ray directions to the bit, at every vector width, also at the
+// edge of the limit and for a not-a-number pose.
+TEST(FastScore, LanesFaceTheStationAsOneSampleDoes) {
+  std::mt19937 draws(9);
+  auto draw = [&] { return static_cast<double>(draws() % 2001) / 1000.0 - 1.0; };
+  const LaneWidth widest = laneKernelsInUse();
+  FacingSensor sensor = {{0.03, -0.02, 0.05}, {0.6, 0.0, 0.8}, {0.1, -0.2, -2.0}, 0.0};
+  for (int round = 0; round < 40; ++round) {
+    alignas(64) double frames[kLanes][8];
+    for (int lane = 0; lane < kLanes; ++lane) {
+      double q[4] = {draw(), draw(), draw(), draw()};
+      const double length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+      for (double& c : q) c /= length;
+      if (round == 0 && lane == 7) q[2] = std::nan("");
+      std::copy(q, q + 4, frames[lane]);
+      objectRotation(q, frames[lane] + 4);
+    }
+    const double* frame[kLanes];
+    for (int lane = 0; lane < kLanes; ++lane) frame[lane] = frames[lane];
+    // Each lane as the visibility test's steps see it: its pose, and its
+    // incidence, n . towards.
+    auto steps = [&](int lane, double towards[3]) {
+      StationPose pose = {{sensor.position[0], sensor.position[1], sensor.position[2]}, {}};
+      std::copy(frames[lane], frames[lane] + 4, pose.quaternion);
+      const bool faces = facesStation(sensor.point, sensor.normal, sensor.cosMaxIncidence, pose, towards);
+      double M[3];
+      ceres::UnitQuaternionRotatePoint(pose.quaternion, sensor.normal, M);
+      return std::make_pair(faces, M[0] * towards[0] + M[1] * towards[1] + M[2] * towards[2]);
+    };
+    double towards[3];
+    // Now and then the limit exactly at a lane's incidence, which it must
+    // then miss.
+    if (round % 4 == 1) sensor.cosMaxIncidence = steps(3, towards).second;
+    uint32_t expected = 0;
+    float directions[kLanes][3];
+    for (int lane = 0; lane < kLanes; ++lane) {
+      if (steps(lane, towards).first) expected |= 1u << lane;
+      rayDirection(frames[lane] + 4, towards, directions[lane]);
+    }
+    for (LaneWidth width : {LaneWidth::Base, LaneWidth::Avx2, LaneWidth::Avx512}) {
+      if (!useLaneKernels(width)) continue;
+      LaneDirections lanes;
+      EXPECT_EQ(facingLanes(frame, sensor, lanes), expected) << round << ", width " << static_cast<int>(width);
+      for (int lane = 0; lane < kLanes; ++lane) {
+        if ((expected >> lane & 1) == 0) continue;
+        for (int c = 0; c < 3; ++c)
+          EXPECT_EQ(std::memcmp(&directions[lane][c], &lanes.value[c][lane], sizeof(float)), 0)
+              << round << ", lane " << lane << ", width " << static_cast<int>(width);
+      }
+    }
+    sensor.cosMaxIncidence = 0.3 * draw();
   }
   useLaneKernels(widest);
 }
