@@ -169,6 +169,7 @@ std::string readTextFile(const std::string& path) {
   WholeFile file = readRegularFile(path);
   if (file.problem != WholeFile::Problem::None) return std::string();
   std::string text = std::move(file.bytes);
+  if (text.find('\r') == std::string::npos) return text;
 
   // CR LF becomes LF: the line feed takes the carriage return's place.
   size_t out = 0;
